@@ -1,0 +1,106 @@
+#include "test_support.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace testing_support {
+
+TempDir::TempDir() {
+  const char* base = getenv("TMPDIR");
+  std::string pattern =
+      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/updater-test-XXXXXX";
+  if (mkdtemp(pattern.data()) == nullptr) {
+    perror("mkdtemp");
+    abort();
+  }
+  path_ = pattern;
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  // A test may have taken write permission away; give it back first.
+  std::filesystem::permissions(path_, std::filesystem::perms::owner_all,
+                               std::filesystem::perm_options::add, ignored);
+  std::filesystem::remove_all(path_, ignored);
+}
+
+std::string TempDir::File(const std::string& name) const { return path_ + "/" + name; }
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return "<missing>";
+  std::ostringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+void WriteFile(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+  out.close();
+  if (!out) {
+    fprintf(stderr, "cannot write %s\n", path.c_str());
+    abort();
+  }
+}
+
+bool FileExists(const std::string& path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0;
+}
+
+namespace {
+
+bool WriteProcFile(const char* path, const std::string& text) {
+  const int fd = open(path, O_WRONLY);
+  if (fd < 0) return false;
+  const bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  close(fd);
+  return ok;
+}
+
+std::string EnterMountNamespace() {
+  if (unshare(CLONE_NEWNS) == 0) return "";
+  if (errno != EPERM) return std::string("unshare(CLONE_NEWNS): ") + strerror(errno);
+  const uid_t uid = getuid();
+  const gid_t gid = getgid();
+  if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
+    return std::string("no root and no user namespace: ") + strerror(errno);
+  }
+  WriteProcFile("/proc/self/setgroups", "deny");
+  if (!WriteProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
+      !WriteProcFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1")) {
+    return "cannot map the user into the user namespace";
+  }
+  return "";
+}
+
+}  // namespace
+
+std::string EnterPrivateTmp() {
+  static std::string result = [] {
+    std::string why = EnterMountNamespace();
+    if (!why.empty()) return why;
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+      return std::string("cannot make mounts private: ") + strerror(errno);
+    }
+    if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
+      return std::string("cannot mount a private /tmp: ") + strerror(errno);
+    }
+    return std::string();
+  }();
+  return result;
+}
+
+}  // namespace testing_support

@@ -1,0 +1,44 @@
+// Helpers shared by the unit tests: throwaway directories, whole-file reads
+// and writes, and a private /tmp for code with fixed paths under it.
+#ifndef TESTS_UNIT_TEST_SUPPORT_H_
+#define TESTS_UNIT_TEST_SUPPORT_H_
+
+#include <string>
+
+namespace testing_support {
+
+// A fresh directory under $TMPDIR (or /tmp), removed with its contents when
+// the object goes away.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  // path() + "/" + name
+  std::string File(const std::string& name) const;
+
+ private:
+  std::string path_;
+};
+
+// The whole content of a file; "<missing>" when it cannot be opened.
+std::string ReadFile(const std::string& path);
+
+// Replaces the file's content; aborts the test program on failure.
+void WriteFile(const std::string& path, const std::string& content);
+
+bool FileExists(const std::string& path);
+
+// Gives this process (and its children) a private, empty tmpfs on /tmp, in a
+// mount namespace of its own (user namespace too when not root), so that code
+// with fixed paths under /tmp never touches the host's. Done once per
+// process. Returns an empty string on success, or why it was not possible
+// (the caller skips the test with that reason).
+std::string EnterPrivateTmp();
+
+}  // namespace testing_support
+
+#endif  // TESTS_UNIT_TEST_SUPPORT_H_
