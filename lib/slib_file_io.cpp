@@ -1,0 +1,146 @@
+#include "lib/slib_file_io.h"
+
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "lib/slib_error.h"
+#include "lib/slib_str.h"
+
+namespace slib_file_io {
+
+namespace {
+constexpr size_t kLineStep = 8192;
+constexpr size_t kTmpNameSize = 8192;
+}  // namespace
+
+LineReader::~LineReader() { free(buffer_); }
+
+bool LineReader::Reserve(size_t needed) {
+  if (needed <= capacity_) return true;
+  const size_t capacity = (needed + kLineStep - 1) / kLineStep * kLineStep;
+  char* grown = static_cast<char*>(realloc(buffer_, capacity));
+  if (grown == nullptr) {
+    SLIBCErrSet(SLIB_ERR_OUT_OF_MEMORY);
+    return false;
+  }
+  buffer_ = grown;
+  capacity_ = capacity;
+  return true;
+}
+
+int LineReader::Next() {
+  length_ = 0;
+  if (!Reserve(1)) return -1;
+  buffer_[0] = '\0';
+  int c;
+  while ((c = getc_unlocked(file_)) != EOF) {
+    if (!Reserve(length_ + 2)) return -1;
+    buffer_[length_++] = static_cast<char>(c);
+    if (c == '\n') break;
+  }
+  buffer_[length_] = '\0';
+  if (c == EOF && ferror(file_)) {
+    SLIBCErrSet(SLIB_ERR_READ);
+    return -1;
+  }
+  return length_ > 0 ? 1 : 0;
+}
+
+void LineReader::Rewind() {
+  rewind(file_);
+  length_ = 0;
+}
+
+bool IsDirectory(const char* path) {
+  struct stat st;
+  return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool IsComment(const char* line) { return line[0] == '#' || line[0] == ';'; }
+
+std::string Trimmed(std::string text) {
+  const int length = SLIBStrTrimSpace(text.data(), nullptr);
+  text.resize(length < 0 ? 0 : static_cast<size_t>(length));
+  return text;
+}
+
+bool WriteBytes(FILE* file, const char* data, size_t length) {
+  if (length > 0 && fwrite(data, 1, length, file) != length) {
+    SLIBCErrSet(SLIB_ERR_WRITE);
+    return false;
+  }
+  return true;
+}
+
+bool EndsWithoutNewline(FILE* file) {
+  if (fseek(file, -1, SEEK_END) != 0) {
+    fseek(file, 0, SEEK_END);
+    return false;
+  }
+  const int last = getc(file);
+  fseek(file, 0, SEEK_END);
+  return last != EOF && last != '\n';
+}
+
+bool EndOpenLine(FILE* file, bool line_is_open) {
+  return !line_is_open || WriteBytes(file, "\n", 1);
+}
+
+bool WriteLine(FILE* file, const char* text) {
+  return WriteBytes(file, text, strlen(text)) && WriteBytes(file, "\n", 1);
+}
+
+bool WritePair(FILE* file, const char* format, const char* first, const char* second) {
+  if (fprintf(file, format, first, second) < 0) {
+    SLIBCErrSet(SLIB_ERR_WRITE);
+    return false;
+  }
+  return true;
+}
+
+bool SyncAndClose(FILE* file) {
+  bool ok = fflush(file) == 0;
+  ok = fsync(fileno(file)) == 0 && ok;
+  ok = fclose(file) == 0 && ok;
+  if (!ok) SLIBCErrSet(SLIB_ERR_WRITE);
+  return ok;
+}
+
+TmpFile::~TmpFile() {
+  if (file_ != nullptr) fclose(file_);
+  if (created_) remove(tmp_path_.c_str());
+}
+
+bool TmpFile::Open(const char* path) {
+  char name[kTmpNameSize];
+  const int length = snprintf(name, sizeof(name), "%s.tmp", path);
+  if (length < 0 || static_cast<size_t>(length) >= sizeof(name)) {
+    SLIBCErrSet(SLIB_ERR_OPEN);
+    return false;
+  }
+  file_ = fopen(name, "w");
+  if (file_ == nullptr) {
+    SLIBCErrSet(SLIB_ERR_OPEN);
+    return false;
+  }
+  path_ = path;
+  tmp_path_ = name;
+  created_ = true;
+  return true;
+}
+
+bool TmpFile::Commit() {
+  FILE* file = file_;
+  file_ = nullptr;
+  if (!SyncAndClose(file)) return false;
+  if (rename(tmp_path_.c_str(), path_.c_str()) != 0) {
+    SLIBCErrSet(SLIB_ERR_WRITE);
+    return false;
+  }
+  created_ = false;
+  return true;
+}
+
+}  // namespace slib_file_io
