@@ -24,30 +24,9 @@ using testing_support::ReadFile;
 using testing_support::TempDir;
 using testing_support::WriteFile;
 
-// The library's syslog calls land here, so that the tests can read them.
 namespace {
-std::vector<std::pair<int, std::string>> g_syslog;
-
-void RecordSyslog(int priority, const char* format, va_list args) {
-  char text[16384];
-  vsnprintf(text, sizeof(text), format, args);
-  g_syslog.emplace_back(priority, text);
-}
+std::vector<testing_support::SyslogRecord>& g_syslog = testing_support::SyslogRecords();
 }  // namespace
-
-extern "C" void syslog(int priority, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  RecordSyslog(priority, format, args);
-  va_end(args);
-}
-
-extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  RecordSyslog(priority, format, args);
-  va_end(args);
-}
 
 namespace {
 

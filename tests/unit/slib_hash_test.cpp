@@ -11,6 +11,7 @@
 
 #include "lib/slib_error.h"
 #include "lib/slib_list.h"
+#include "test_support.h"
 
 namespace {
 
@@ -288,18 +289,7 @@ constexpr bool kAddressSanitizer = false;
 
 namespace {
 
-long VirtualMemoryBytes() {
-  std::ifstream status("/proc/self/status");
-  std::string field;
-  long kilobytes = 0;
-  while (status >> field) {
-    if (field == "VmSize:") {
-      status >> kilobytes;
-      break;
-    }
-  }
-  return kilobytes * 1024;
-}
+using testing_support::VirtualMemoryBytes;
 
 // In a child process: a hash whose rebuild cannot be allocated under an
 // address-space limit must stay as it was. Exits 0 when it did.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "lib/slib_error.h"
+#include "test_support.h"
 
 namespace {
 
@@ -143,18 +144,7 @@ constexpr bool kAddressSanitizer = false;
 
 namespace {
 
-long VirtualMemoryBytes() {
-  std::ifstream status("/proc/self/status");
-  std::string field;
-  long kilobytes = 0;
-  while (status >> field) {
-    if (field == "VmSize:") {
-      status >> kilobytes;
-      break;
-    }
-  }
-  return kilobytes * 1024;
-}
+using testing_support::VirtualMemoryBytes;
 
 // In a child process: a list whose growth cannot be allocated under an
 // address-space limit must stay as it was. Exits 0 when it did.

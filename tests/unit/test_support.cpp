@@ -3,11 +3,13 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sched.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -103,4 +105,45 @@ std::string EnterPrivateTmp() {
   return result;
 }
 
+std::vector<SyslogRecord>& SyslogRecords() {
+  static std::vector<SyslogRecord> records;
+  return records;
+}
+
+long VirtualMemoryBytes() {
+  std::ifstream status("/proc/self/status");
+  std::string field;
+  long kilobytes = 0;
+  while (status >> field) {
+    if (field == "VmSize:") {
+      status >> kilobytes;
+      break;
+    }
+  }
+  return kilobytes * 1024;
+}
+
 }  // namespace testing_support
+
+namespace {
+void RecordSyslog(int priority, const char* format, va_list args) {
+  char text[16384];
+  vsnprintf(text, sizeof(text), format, args);
+  testing_support::SyslogRecords().emplace_back(priority, text);
+}
+}  // namespace
+
+extern "C" void syslog(int priority, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  RecordSyslog(priority, format, args);
+  va_end(args);
+}
+
+// With _FORTIFY_SOURCE, syslog calls are compiled to this one.
+extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  RecordSyslog(priority, format, args);
+  va_end(args);
+}

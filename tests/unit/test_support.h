@@ -4,6 +4,8 @@
 #define TESTS_UNIT_TEST_SUPPORT_H_
 
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace testing_support {
 
@@ -38,6 +40,14 @@ bool FileExists(const std::string& path);
 // process. Returns an empty string on success, or why it was not possible
 // (the caller skips the test with that reason).
 std::string EnterPrivateTmp();
+
+// Every syslog call of the test program lands here instead of in the host's
+// log, as (priority, formatted text), in order.
+using SyslogRecord = std::pair<int, std::string>;
+std::vector<SyslogRecord>& SyslogRecords();
+
+// The test process's virtual memory size in bytes (VmSize).
+long VirtualMemoryBytes();
 
 }  // namespace testing_support
 
