@@ -1,0 +1,122 @@
+// Small chips for the simulator tests, written as state directories.
+#ifndef TESTS_SIM_SIM_TEST_CHIPS_H_
+#define TESTS_SIM_SIM_TEST_CHIPS_H_
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include "sim/flash_chip.h"
+#include "sim/flash_state.h"
+#include "test_support.h"
+
+namespace sim_test {
+
+constexpr uint32_t kNorBase = 0xFFFF0000;
+constexpr uint32_t kNorEraseSize = 0x1000;
+constexpr uint32_t kNorChipSize = 0x10000;
+constexpr int kFisDevice = 4;
+
+inline flashsim::PartitionLayout Partition(int index, const std::string& name, uint32_t base,
+                                           uint32_t size) {
+  flashsim::PartitionLayout partition;
+  partition.index = index;
+  partition.name = name;
+  partition.base = base;
+  partition.size = size;
+  partition.mem_base = base;
+  return partition;
+}
+
+// 64 KiB of NOR flash at 0xFFFF0000 in 4 KiB blocks:
+//   mtd0 RedBoot  +0x0000 8K, mtd1 zImage +0x2000 16K, mtd2 rd.gz +0x6000 16K,
+//   mtd3 "RedBoot Config" +0xA000 4K, mtd4 "FIS Directory" +0xF000 4K.
+// 0xB000..0xF000 belongs to nobody. Partition bytes are a position pattern;
+// the directory holds one record per partition, then erased flash.
+inline flashsim::ChipState NorChip(const std::string& dir) {
+  flashsim::ChipState state;
+  state.dir = dir;
+  flashsim::ChipLayout& layout = state.layout;
+  layout.kind = flashsim::ChipKind::kNor;
+  layout.chip_base = kNorBase;
+  layout.chip_size = kNorChipSize;
+  layout.erase_size = kNorEraseSize;
+  layout.fis_device = kFisDevice;
+  layout.partitions = {
+      Partition(0, "RedBoot", kNorBase + 0x0000, 0x2000),
+      Partition(1, "zImage", kNorBase + 0x2000, 0x4000),
+      Partition(2, "rd.gz", kNorBase + 0x6000, 0x4000),
+      Partition(3, "RedBoot Config", kNorBase + 0xA000, 0x1000),
+      Partition(4, "FIS Directory", kNorBase + 0xF000, 0x1000),
+  };
+  state.image.assign(kNorChipSize, 0xFF);
+  for (uint32_t i = 0; i < 0xB000; ++i) state.image[i] = static_cast<uint8_t>(i * 7 + (i >> 8));
+  uint32_t directory = 0xF000;
+  for (size_t i = 0; i < layout.partitions.size(); ++i) {
+    const flashsim::PartitionLayout& partition = layout.partitions[i];
+    flashsim::FisRecord record;
+    record.name = partition.name;
+    record.flash_base = partition.base;
+    record.mem_base = partition.base;
+    record.size = partition.size;
+    record.data_length = partition.size / 2;
+    record.entry_point = 0x100 + static_cast<uint32_t>(i);
+    flashsim::EncodeFisRecord(record, &state.image[directory + i * flashsim::kFisRecordSize]);
+  }
+  state.locked.assign(kNorChipSize / kNorEraseSize, 0);
+  return state;
+}
+
+// The M-Systems flash disk: 967 units of 16384 bytes, three partitions of
+// 4, 8 and 2 units one after another; partition i is filled with 0x10 + i.
+inline flashsim::ChipState MSysChip(const std::string& dir) {
+  flashsim::ChipState state;
+  state.dir = dir;
+  flashsim::ChipLayout& layout = state.layout;
+  layout.kind = flashsim::ChipKind::kMSys;
+  layout.chip_base = 0;
+  layout.erase_size = flashsim::kMSysUnitSize;
+  layout.chip_size = flashsim::kMSysUnits * flashsim::kMSysUnitSize;
+  const uint32_t units[] = {4, 8, 2};
+  uint32_t base = 0;
+  for (int i = 0; i < 3; ++i) {
+    flashsim::PartitionLayout partition =
+        Partition(i, "part" + std::to_string(i), base, units[i] * flashsim::kMSysUnitSize);
+    partition.data_length = 1000u * static_cast<uint32_t>(i + 1);
+    partition.has_data_length = true;
+    layout.partitions.push_back(partition);
+    base += partition.size;
+  }
+  state.image.assign(layout.chip_size, 0xFF);
+  for (const flashsim::PartitionLayout& partition : layout.partitions) {
+    std::fill(state.image.begin() + partition.base,
+              state.image.begin() + partition.base + partition.size,
+              static_cast<uint8_t>(0x10 + partition.index));
+  }
+  state.locked.assign(layout.BlockCount(), 0);
+  return state;
+}
+
+inline std::vector<uint8_t> ReadBytes(const std::string& path) {
+  std::string text = testing_support::ReadFile(path);
+  return std::vector<uint8_t>(text.begin(), text.end());
+}
+
+inline std::vector<std::string> ReadLines(const std::string& path) {
+  std::vector<std::string> lines;
+  std::string text = testing_support::ReadFile(path);
+  if (text == "<missing>") return lines;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    lines.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  return lines;
+}
+
+}  // namespace sim_test
+
+#endif  // TESTS_SIM_SIM_TEST_CHIPS_H_
