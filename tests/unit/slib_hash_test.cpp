@@ -281,15 +281,7 @@ TEST(SlibHash, GrowthBeyondTheSizeLimitFailsAndLeavesTheHashIntact) {
   SLIBSzHashFree(hash);
 }
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kAddressSanitizer = true;
-#else
-constexpr bool kAddressSanitizer = false;
-#endif
-
 namespace {
-
-using testing_support::VirtualMemoryBytes;
 
 // In a child process: a hash whose rebuild cannot be allocated under an
 // address-space limit must stay as it was. Exits 0 when it did.
@@ -301,8 +293,7 @@ void GrowHashUnderAddressSpaceLimit() {
     exit(2);
   }
   const std::string big(static_cast<size_t>(pool), 'x');
-  const rlimit limit = {static_cast<rlim_t>(VirtualMemoryBytes() + (4 << 20)), RLIM_INFINITY};
-  if (setrlimit(RLIMIT_AS, &limit) != 0) exit(3);
+  if (!testing_support::LimitAddressSpace(4 << 20)) exit(3);
   SLIBSZHASH* const before = hash;
   SLIBCErrSet(0);
   const bool failed = SLIBSzHashSetValue(&hash, "c", big.c_str()) == -1;
@@ -316,7 +307,8 @@ void GrowHashUnderAddressSpaceLimit() {
 }  // namespace
 
 TEST(SlibHash, FailedAllocationLeavesTheHashAndThePointerUnchanged) {
-  if (kAddressSanitizer) GTEST_SKIP() << "AddressSanitizer cannot run under an address-space limit";
+  const std::string unavailable = testing_support::AllocationFailureUnavailable();
+  if (!unavailable.empty()) GTEST_SKIP() << unavailable;
   EXPECT_EXIT(GrowHashUnderAddressSpaceLimit(), ::testing::ExitedWithCode(0), "");
 }
 

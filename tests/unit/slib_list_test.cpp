@@ -136,15 +136,7 @@ TEST(SlibList, GrowthBeyondTheSizeLimitFailsAndLeavesTheListIntact) {
   SLIBSzListFree(list);
 }
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kAddressSanitizer = true;
-#else
-constexpr bool kAddressSanitizer = false;
-#endif
-
 namespace {
-
-using testing_support::VirtualMemoryBytes;
 
 // In a child process: a list whose growth cannot be allocated under an
 // address-space limit must stay as it was. Exits 0 when it did.
@@ -152,8 +144,7 @@ void GrowListUnderAddressSpaceLimit() {
   const int size = 8 << 20;
   SLIBSZLIST* list = PslSLIBSzListAlloc(size);
   if (list == nullptr || SLIBSzListPush(&list, "kept") != 0) exit(2);
-  const rlimit limit = {static_cast<rlim_t>(VirtualMemoryBytes() + (4 << 20)), RLIM_INFINITY};
-  if (setrlimit(RLIMIT_AS, &limit) != 0) exit(3);
+  if (!testing_support::LimitAddressSpace(4 << 20)) exit(3);
   SLIBSZLIST* const before = list;
   SLIBCErrSet(0);
   const bool failed = SLIBSzListSet(&list, size / 4, "x") == -1;
@@ -165,7 +156,8 @@ void GrowListUnderAddressSpaceLimit() {
 }  // namespace
 
 TEST(SlibList, FailedAllocationLeavesTheListAndThePointerUnchanged) {
-  if (kAddressSanitizer) GTEST_SKIP() << "AddressSanitizer cannot run under an address-space limit";
+  const std::string unavailable = testing_support::AllocationFailureUnavailable();
+  if (!unavailable.empty()) GTEST_SKIP() << unavailable;
   EXPECT_EXIT(GrowListUnderAddressSpaceLimit(), ::testing::ExitedWithCode(0), "");
 }
 

@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -110,6 +111,7 @@ std::vector<SyslogRecord>& SyslogRecords() {
   return records;
 }
 
+namespace {
 long VirtualMemoryBytes() {
   std::ifstream status("/proc/self/status");
   std::string field;
@@ -121,6 +123,20 @@ long VirtualMemoryBytes() {
     }
   }
   return kilobytes * 1024;
+}
+}  // namespace
+
+bool LimitAddressSpace(long headroom) {
+  const rlimit limit = {static_cast<rlim_t>(VirtualMemoryBytes() + headroom), RLIM_INFINITY};
+  return setrlimit(RLIMIT_AS, &limit) == 0;
+}
+
+const char* AllocationFailureUnavailable() {
+#if defined(__SANITIZE_ADDRESS__)
+  return "AddressSanitizer cannot run under an address-space limit";
+#else
+  return "";
+#endif
 }
 
 }  // namespace testing_support

@@ -46,8 +46,14 @@ std::string EnterPrivateTmp();
 using SyslogRecord = std::pair<int, std::string>;
 std::vector<SyslogRecord>& SyslogRecords();
 
-// The test process's virtual memory size in bytes (VmSize).
-long VirtualMemoryBytes();
+// Limits this process's address space to what it uses now plus `headroom`
+// bytes, so that larger allocations fail; for death-test children only.
+// False when the limit cannot be set.
+bool LimitAddressSpace(long headroom);
+
+// Why allocation failures cannot be provoked in this build, or "" when they
+// can (AddressSanitizer reserves far more address space than any limit).
+const char* AllocationFailureUnavailable();
 
 }  // namespace testing_support
 
