@@ -9,32 +9,14 @@
 #include <algorithm>
 #include <map>
 
+#include "lib/unique_fd.h"
+
 namespace flashsim {
 
 namespace {
 
 constexpr char kFisDirectoryName[] = "FIS Directory";
 constexpr size_t kMaxNameLength = kFisNameSize - 1;
-
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  ~UniqueFd() {
-    if (fd_ >= 0) close(fd_);
-  }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  int get() const { return fd_; }
-  // Closes now and reports the result; the destructor then has nothing to do.
-  int Close() {
-    const int result = close(fd_);
-    fd_ = -1;
-    return result;
-  }
-
- private:
-  int fd_;
-};
 
 std::string Hex32(uint32_t value) {
   char text[16];

@@ -10,6 +10,7 @@
 
 #include <string>
 
+#include "lib/unique_fd.h"
 #include "sdk/kernel.h"
 
 namespace {
@@ -21,34 +22,20 @@ std::string ControlPath() {
   return path != nullptr && *path != '\0' ? path : kDefaultControlPath;
 }
 
-class ControlFile {
- public:
-  explicit ControlFile(const std::string& path) : fd_(open(path.c_str(), O_RDWR | O_CLOEXEC)) {}
-  ~ControlFile() {
-    if (fd_ >= 0) close(fd_);
-  }
-  ControlFile(const ControlFile&) = delete;
-  ControlFile& operator=(const ControlFile&) = delete;
-  int fd() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 // Sends `command` and returns the answer's values ("OK <values>") in
 // *values: 0, or -1 with errno set from "ERR <errno>" or from the failing
 // file operation.
 int Ask(const std::string& command, std::string* values) {
-  ControlFile control(ControlPath());
-  if (control.fd() < 0) return -1;
+  UniqueFd control(open(ControlPath().c_str(), O_RDWR | O_CLOEXEC));
+  if (control.get() < 0) return -1;
   std::string line = command + "\n";
-  ssize_t written = write(control.fd(), line.data(), line.size());
+  ssize_t written = write(control.get(), line.data(), line.size());
   if (written != static_cast<ssize_t>(line.size())) {
     if (written >= 0) errno = EIO;
     return -1;
   }
   char answer[256];
-  ssize_t length = pread(control.fd(), answer, sizeof(answer) - 1, 0);
+  ssize_t length = pread(control.get(), answer, sizeof(answer) - 1, 0);
   if (length < 0) return -1;
   answer[length] = '\0';
   if (strncmp(answer, "OK", 2) == 0 && (answer[2] == '\n' || answer[2] == ' ')) {

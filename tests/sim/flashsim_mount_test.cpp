@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "lib/unique_fd.h"
 #include "sdk/kernel.h"
 #include "sim/flash_chip.h"
 #include "sim/flash_state.h"
@@ -44,20 +45,6 @@ struct FisEntryRequest {
 constexpr unsigned long kSetExtent = _IOW('M', 0x16, ExtentRequest);
 constexpr unsigned long kSetFisEntry = _IOW('M', 0x17, FisEntryRequest);
 constexpr unsigned long kGetMSysTable = _IOR('M', 0x1A, uint32_t[16]);
-
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // 0, or the errno of the failing ioctl.
 int IoctlError(int fd, unsigned long request, void* argument) {
@@ -176,7 +163,7 @@ class FlashsimMountTest : public ::testing::Test {
 
   // Sends one command through the control file; its answer line.
   std::string Control(const std::string& command) {
-    Fd control(open(Path(".control").c_str(), O_RDWR));
+    UniqueFd control(open(Path(".control").c_str(), O_RDWR));
     if (control.get() < 0) return std::string("open: ") + strerror(errno);
     std::string line = command + "\n";
     if (write(control.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
@@ -189,7 +176,7 @@ class FlashsimMountTest : public ::testing::Test {
 
   // The errno of an ioctl on a freshly opened device, or 0.
   int DeviceIoctl(int device, unsigned long request, void* argument) {
-    Fd fd(open(Device(device).c_str(), O_RDWR));
+    UniqueFd fd(open(Device(device).c_str(), O_RDWR));
     if (fd.get() < 0) return -errno;
     return IoctlError(fd.get(), request, argument);
   }
@@ -216,7 +203,7 @@ TEST_F(FlashsimMountTest, ReadsAndWritesAtOffsetsAndAcrossBlockBoundaries) {
   ASSERT_EQ(0, Erase(1, 0x1000, 0x2000));
   std::vector<uint8_t> data(300);
   for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 13 + 1);
-  Fd fd(open(Device(1).c_str(), O_RDWR));
+  UniqueFd fd(open(Device(1).c_str(), O_RDWR));
   ASSERT_GE(fd.get(), 0);
   ASSERT_EQ(300, pwrite(fd.get(), data.data(), data.size(), 0x1F80));
   ASSERT_EQ(2, pwrite(fd.get(), data.data(), 2, 0x2FFE));
@@ -241,7 +228,7 @@ TEST_F(FlashsimMountTest, ReadsAndWritesAtOffsetsAndAcrossBlockBoundaries) {
 TEST_F(FlashsimMountTest, WriteOverUnerasedDataGivesTheAndOfOldAndNew) {
   MOUNT_OR_RETURN(sim_test::NorChip(state_));
   std::vector<uint8_t> data(0x1800, 0x0F);
-  Fd fd(open(Device(0).c_str(), O_WRONLY));
+  UniqueFd fd(open(Device(0).c_str(), O_WRONLY));
   ASSERT_EQ(0x1800, pwrite(fd.get(), data.data(), data.size(), 0x100));
   std::vector<uint8_t> expected = initial_.image;
   for (size_t i = 0x100; i < 0x1900; ++i) expected[i] &= 0x0F;
@@ -267,7 +254,7 @@ TEST_F(FlashsimMountTest, LockedBlocksRefuseEraseAndWriteWithEio) {
   ASSERT_EQ(0, DeviceIoctl(1, MEMLOCK, &range));
   EXPECT_EQ("0001000000000000", testing_support::ReadFile(state_ + "/locks"));
   EXPECT_EQ(EIO, Erase(1, 0, 0x4000));
-  Fd fd(open(Device(1).c_str(), O_WRONLY));
+  UniqueFd fd(open(Device(1).c_str(), O_WRONLY));
   uint8_t zero = 0;
   EXPECT_EQ(-1, pwrite(fd.get(), &zero, 1, 0x1800));
   EXPECT_EQ(EIO, errno);
@@ -303,7 +290,7 @@ TEST_F(FlashsimMountTest, SetExtentMovesTheViewAndNothingElse) {
   ASSERT_EQ(0, stat(Device(2).c_str(), &st));
   EXPECT_EQ(0x3000, st.st_size);
   std::vector<uint8_t> view(0x3000);
-  Fd fd(open(Device(2).c_str(), O_RDONLY));
+  UniqueFd fd(open(Device(2).c_str(), O_RDONLY));
   ASSERT_EQ(0x3000, pread(fd.get(), view.data(), view.size(), 0));
   EXPECT_EQ(0, memcmp(view.data(), &initial_.image[0xB000], view.size()));
 
@@ -343,7 +330,7 @@ TEST_F(FlashsimMountTest, SetFisEntryChangesOneRecordsThreeFieldsBigEndian) {
 TEST_F(FlashsimMountTest, OpeningWithTruncateChangesNothing) {
   MOUNT_OR_RETURN(sim_test::NorChip(state_));
   {
-    Fd fd(open(Device(1).c_str(), O_WRONLY | O_TRUNC));
+    UniqueFd fd(open(Device(1).c_str(), O_WRONLY | O_TRUNC));
     ASSERT_GE(fd.get(), 0) << strerror(errno);
     EXPECT_EQ(0, ftruncate(fd.get(), 0));
   }
@@ -381,7 +368,7 @@ TEST_F(FlashsimMountTest, EachFaultKindFiresWhenAndWhereItIsTold) {
   MOUNT_OR_RETURN(sim_test::NorChip(state_));
   // Every action leaves the chip as it was, so only the fault can fail it.
   auto io = [](FlashsimMountTest* test, int device, bool writing) {
-    Fd fd(open(test->Device(device).c_str(), O_RDWR));
+    UniqueFd fd(open(test->Device(device).c_str(), O_RDWR));
     if (fd.get() < 0) return errno;
     uint8_t bytes[4] = {0xFF, 0xFF, 0xFF, 0xFF};
     ssize_t done = writing ? pwrite(fd.get(), bytes, 4, 0x10) : pread(fd.get(), bytes, 4, 0x10);
@@ -446,7 +433,7 @@ TEST_F(FlashsimMountTest, CorruptedWriteAndWornBlockSpoilWhatIsProgrammed) {
   ASSERT_EQ("OK\n", Control("fault corrupt-next-write mtd1"));
   ASSERT_EQ("OK\n", Control("fault worn-block mtd1 0x3000"));
   std::vector<uint8_t> data(0x4000, 0x00);
-  Fd fd(open(Device(1).c_str(), O_RDWR));
+  UniqueFd fd(open(Device(1).c_str(), O_RDWR));
   ASSERT_EQ(0x2000, pwrite(fd.get(), data.data(), 0x2000, 0));
   ASSERT_EQ(0x2000, pwrite(fd.get(), data.data(), 0x2000, 0x2000));
   std::vector<uint8_t> expected = initial_.image;
@@ -462,7 +449,7 @@ TEST_F(FlashsimMountTest, PowerCutLeavesTheChipAsItWasAtTheCut) {
   std::vector<uint8_t> zeros(0x100, 0);
   std::vector<uint8_t> at_cut;
   {
-    Fd fd(open(Device(1).c_str(), O_RDWR));  // operation 1
+    UniqueFd fd(open(Device(1).c_str(), O_RDWR));  // operation 1
     ASSERT_GE(fd.get(), 0);
     ASSERT_EQ(0x100, pwrite(fd.get(), zeros.data(), 0x100, 0));       // 2
     ASSERT_EQ(0x100, pwrite(fd.get(), zeros.data(), 0x100, 0x1000));  // 3
@@ -514,7 +501,7 @@ TEST_F(FlashsimMountTest, FlashDiskIsFormattedPartitionedAndReportsItsTable) {
   uint32_t type = 0;
   EXPECT_EQ(0, VELTKernelFlashType(&type));
   EXPECT_EQ(1u, type);
-  Fd mtd0(open(Device(0).c_str(), O_RDWR));
+  UniqueFd mtd0(open(Device(0).c_str(), O_RDWR));
   uint32_t table[16];
   ASSERT_EQ(0, IoctlError(mtd0.get(), kGetMSysTable, table));
   const uint32_t before[16] = {0x10000, 1000, 0x20000, 2000, 0x8000, 3000};
@@ -556,17 +543,17 @@ TEST_F(FlashsimMountTest, FlashDiskIsFormattedPartitionedAndReportsItsTable) {
 
 TEST_F(FlashsimMountTest, FaultPlanPreparedBeforeMountingIsApplied) {
   MOUNT_OR_RETURN(sim_test::NorChip(state_), "fault read mtd0 every errno=EIO\n");
-  Fd fd(open(Device(0).c_str(), O_RDONLY));
+  UniqueFd fd(open(Device(0).c_str(), O_RDONLY));
   uint8_t byte = 0;
   EXPECT_EQ(-1, pread(fd.get(), &byte, 1, 0));
   EXPECT_EQ(EIO, errno);
-  Fd other(open(Device(1).c_str(), O_RDONLY));
+  UniqueFd other(open(Device(1).c_str(), O_RDONLY));
   EXPECT_EQ(1, pread(other.get(), &byte, 1, 0));
 }
 
 TEST_F(FlashsimMountTest, ControlAnswerIsReadableWhereTheCommandEnded) {
   MOUNT_OR_RETURN(sim_test::NorChip(state_));
-  Fd control(open(Path(".control").c_str(), O_RDWR));
+  UniqueFd control(open(Path(".control").c_str(), O_RDWR));
   ASSERT_EQ(11, write(control.get(), "flash-type\n", 11));
   char answer[32] = {};
   EXPECT_EQ(5, read(control.get(), answer, sizeof(answer)));
@@ -588,7 +575,7 @@ TEST_F(FlashsimMountTest, DaemonStopsCleanlyOnSigterm) {
   MOUNT_OR_RETURN(sim_test::NorChip(state_));
   std::vector<uint8_t> zeros(16, 0);
   {
-    Fd fd(open(Device(1).c_str(), O_WRONLY));
+    UniqueFd fd(open(Device(1).c_str(), O_WRONLY));
     ASSERT_EQ(16, pwrite(fd.get(), zeros.data(), zeros.size(), 0));
   }
   ASSERT_EQ(0, kill(daemon_, SIGTERM));

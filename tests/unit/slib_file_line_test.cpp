@@ -15,6 +15,7 @@
 #include "test_support.h"
 
 using testing_support::FileExists;
+using testing_support::LongText;
 using testing_support::ReadFile;
 using testing_support::TempDir;
 using testing_support::WriteFile;
@@ -31,12 +32,6 @@ constexpr int kPrefix = SLIB_FILE_MATCH_PREFIX;
 constexpr int kSuffix = SLIB_FILE_MATCH_SUFFIX;
 constexpr int kNoCase = SLIB_FILE_MATCH_NOCASE;
 constexpr int kAfter = OP_FIND_PREFIX;
-
-std::string LongText(size_t length, char first) {
-  std::string text(length, 'x');
-  for (size_t i = 0; i < length; ++i) text[i] = static_cast<char>(first + i % 26);
-  return text;
-}
 
 // ---------------------------------------------------------------- matcher
 

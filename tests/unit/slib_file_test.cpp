@@ -20,6 +20,7 @@
 #include "test_support.h"
 
 using testing_support::FileExists;
+using testing_support::LongText;
 using testing_support::ReadFile;
 using testing_support::TempDir;
 using testing_support::WriteFile;
@@ -31,12 +32,6 @@ std::vector<testing_support::SyslogRecord>& g_syslog = testing_support::SyslogRe
 namespace {
 
 constexpr int kNoError = 0x7777;  // a code no call sets: shows that success leaves it alone
-
-std::string LongText(size_t length, char first) {
-  std::string text(length, 'x');
-  for (size_t i = 0; i < length; ++i) text[i] = static_cast<char>(first + i % 26);
-  return text;
-}
 
 // A small tmpfs of its own (inside a private /tmp) that fills up quickly, to
 // make writes fail for root too. Unmounted when the object goes away.

@@ -63,6 +63,12 @@ bool FileExists(const std::string& path) {
   return lstat(path.c_str(), &st) == 0;
 }
 
+std::string LongText(size_t length, char first) {
+  std::string text(length, 'x');
+  for (size_t i = 0; i < length; ++i) text[i] = static_cast<char>(first + i % 26);
+  return text;
+}
+
 namespace {
 
 bool WriteProcFile(const char* path, const std::string& text) {

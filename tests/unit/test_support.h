@@ -34,6 +34,10 @@ void WriteFile(const std::string& path, const std::string& content);
 
 bool FileExists(const std::string& path);
 
+// `length` letters cycling through the alphabet from `first`: a long line
+// whose every part differs from its neighbours.
+std::string LongText(size_t length, char first);
+
 // Gives this process (and its children) a private, empty tmpfs on /tmp, in a
 // mount namespace of its own (user namespace too when not root), so that code
 // with fixed paths under /tmp never touches the host's. Done once per
