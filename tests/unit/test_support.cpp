@@ -112,6 +112,60 @@ std::string EnterPrivateTmp() {
   return result;
 }
 
+namespace {
+
+constexpr char kThrowawayBase[] = "/tmp/.throwaway";
+
+std::string MountOrWhy(const char* source, const std::string& target, const char* type,
+                       unsigned long flags, const char* data) {
+  if (mount(source, target.c_str(), type, flags, data) == 0) return "";
+  return "cannot mount " + target + ": " + strerror(errno);
+}
+
+std::string BindDevice(const std::string& root, const char* name) {
+  const std::string host = std::string("/dev/") + name;
+  if (access(host.c_str(), F_OK) != 0) return "";
+  const std::string target = root + "/dev/" + name;
+  const int fd = open(target.c_str(), O_WRONLY | O_CREAT, 0600);
+  if (fd < 0) return "cannot create " + target + ": " + strerror(errno);
+  close(fd);
+  return MountOrWhy(host.c_str(), target, nullptr, MS_BIND, nullptr);
+}
+
+std::string BuildThrowawayRoot() {
+  std::string why = EnterMountNamespace();
+  if (!why.empty()) return why;
+  why = MountOrWhy(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+  if (!why.empty()) return why;
+  why = MountOrWhy("tmpfs", "/tmp", "tmpfs", 0, "mode=1777");
+  if (!why.empty()) return why;
+  const std::string base = kThrowawayBase;
+  const std::string root = base + "/root";
+  for (const std::string& dir : {base, base + "/upper", base + "/work", root})
+    mkdir(dir.c_str(), 0755);
+  const std::string options = "lowerdir=/,upperdir=" + base + "/upper,workdir=" + base + "/work";
+  why = MountOrWhy("overlay", root, "overlay", 0, options.c_str());
+  if (!why.empty()) return why;
+  why = MountOrWhy("tmpfs", root + "/tmp", "tmpfs", 0, "mode=1777");
+  if (why.empty()) why = MountOrWhy("tmpfs", root + "/dev", "tmpfs", 0, "mode=755");
+  if (why.empty()) why = MountOrWhy("/proc", root + "/proc", nullptr, MS_BIND | MS_REC, nullptr);
+  for (const char* device : {"null", "zero", "urandom", "fuse"}) {
+    if (why.empty()) why = BindDevice(root, device);
+  }
+  if (!why.empty()) return why;
+  if (chroot(root.c_str()) != 0 || chdir("/") != 0) {
+    return std::string("cannot enter the throwaway root: ") + strerror(errno);
+  }
+  return "";
+}
+
+}  // namespace
+
+std::string EnterThrowawayRoot() {
+  static const std::string result = BuildThrowawayRoot();
+  return result;
+}
+
 std::vector<SyslogRecord>& SyslogRecords() {
   static std::vector<SyslogRecord> records;
   return records;

@@ -45,6 +45,17 @@ std::string LongText(size_t length, char first);
 // (the caller skips the test with that reason).
 std::string EnterPrivateTmp();
 
+// Gives this process a throwaway root: in a mount namespace of its own, a
+// copy-on-write view (overlay) of the host's root file system with a fresh
+// tmpfs on /tmp, a private /dev holding only null, zero, urandom and fuse,
+// and the host's /proc; then chroots into it. Code with fixed paths
+// (/etc.defaults/VERSION, /etc/veltinfo.conf, /var/log/..., /writeable,
+// /dev/mtdN) reads and writes there and the host never sees a change.
+// Programs run through the shell still work (the host's /bin and libraries
+// are visible). Done once per process; call it before any other file is
+// opened by the test. Returns "" on success or why it was not possible.
+std::string EnterThrowawayRoot();
+
 // Every syslog call of the test program lands here instead of in the host's
 // log, as (priority, formatted text), in order.
 using SyslogRecord = std::pair<int, std::string>;
