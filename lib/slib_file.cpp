@@ -261,3 +261,20 @@ int SLIBILineKeyMoveHash2File(FILE* tmp, const char* line, SLIBSZHASH* hash, con
   if (tmp == nullptr || line == nullptr || hash == nullptr) return Fail(SLIB_ERR_BAD_ARGUMENT);
   return WithoutExceptions([&] { return MoveHashKeyToFile(tmp, line, hash, format); });
 }
+
+int SLIBFileSetQuotedKeyValue(const char* path, const char* key, const char* value) {
+  if (path == nullptr || key == nullptr || value == nullptr) {
+    SLIBCErrSet(SLIB_ERR_BAD_ARGUMENT);
+    return -1;
+  }
+  // The probe sets an error code even when the key is there; a success must
+  // leave the caller's code unchanged.
+  const int saved_error = SLIBCErrGet();
+  const int found = SLIBFileGetKeyValue(path, key, nullptr, 0, 0);
+  SLIBCErrSet(saved_error);
+  if (found == 0) return SLIBFileSetKeyValue(path, key, value, "%s=\"%s\"\n");
+  // Present (the zero-size read reports "too small") or unreadable (missing):
+  // the plain "%s=%s\n" form keeps the key.
+  const std::string quoted = std::string("\"") + value + "\"";
+  return SLIBFileSetKeyValue(path, key, quoted.c_str(), nullptr);
+}

@@ -67,6 +67,14 @@ int SLIBFileSetKeys(const char* path, SLIBSZHASH* hash, const char* format);
 // copies the line); -1 on a failed write (0xB00) or removal.
 int SLIBILineKeyMoveHash2File(FILE* tmp, const char* line, SLIBSZHASH* hash, const char* format);
 
+// Sets `key` so that the file holds exactly `key="value"` (the form of the
+// system settings file), whether the key is new or already there. The
+// settings writers use it instead of SLIBFileSetKeyValue with the format
+// "%s=\"%s\"\n", which for an existing key would receive the old line in
+// place of the key. Returns 1, or -1 (0xD00, or the codes of
+// SLIBFileSetKeyValue).
+int SLIBFileSetQuotedKeyValue(const char* path, const char* key, const char* value);
+
 #ifdef __cplusplus
 }
 #endif

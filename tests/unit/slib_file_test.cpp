@@ -552,3 +552,23 @@ TEST(SlibFile, SetKeysWithNothingToAppendLeavesAnOpenLastLineOpen) {
   EXPECT_EQ(1, SLIBFileSetKeys(path.c_str(), h.hash, nullptr));
   EXPECT_EQ("A=2\nC=3", ReadFile(path));
 }
+
+TEST(SlibFile, SetQuotedKeyValueWritesTheSettingsFormForNewAndExistingKeys) {
+  TempDir dir;
+  const std::string path = dir.File("veltinfo.conf");
+  WriteFile(path, "A=\"1\"\nMTUValue=\"9000\"\nB=2\nMTUValue=\"4074\"\n");
+  SLIBCErrSet(0x1234);
+  ASSERT_EQ(1, SLIBFileSetQuotedKeyValue(path.c_str(), "MTUValue", "8000"));
+  ASSERT_EQ(1, SLIBFileSetQuotedKeyValue(path.c_str(), "C", "new value"));
+  EXPECT_EQ("A=\"1\"\nMTUValue=\"8000\"\nB=2\nC=\"new value\"\n", ReadFile(path));
+  EXPECT_EQ(0x1234, SLIBCErrGet()) << "a success leaves the error code alone";
+}
+
+TEST(SlibFile, SetQuotedKeyValueCreatesAMissingFileWithTheOneLine) {
+  TempDir dir;
+  const std::string path = dir.File("veltinfo.conf");
+  ASSERT_EQ(1, SLIBFileSetQuotedKeyValue(path.c_str(), "MTUValue", "1500"));
+  EXPECT_EQ("MTUValue=\"1500\"\n", ReadFile(path));
+  EXPECT_EQ(-1, SLIBFileSetQuotedKeyValue(path.c_str(), nullptr, "1500"));
+  EXPECT_EQ(SLIB_ERR_BAD_ARGUMENT, SLIBCErrGet());
+}
