@@ -31,8 +31,10 @@ int UPDTExecute(const char* command);
 // Writes `text` at the start of `path` (created when missing, never
 // truncated) under an exclusive flock. Without `retry` a refused lock gives
 // up at once; with it, 21 attempts in all, 337 microseconds apart.
-// Returns 0; -1 the file cannot be opened; -2 the lock was not obtained;
-// -3 the write failed.
+// The text is flushed before the lock is released.
+// Returns 0; -1 the file cannot be opened (or a null path); -2 the lock was
+// not obtained; -3 the write failed (or a null text); the file is unlocked
+// and closed on every path.
 int UPDTWriteStatusFile(const char* path, const char* text, int retry);
 
 // Writes the progress record "<letter>:<value>:      " to the progress
@@ -40,7 +42,8 @@ int UPDTWriteStatusFile(const char* path, const char* text, int retry);
 void UPDTSetProgress(char letter, int value);
 
 // Writes `key="value"` (cut to 1023 characters, no line feed) at the start
-// of the message file (with retry). Failures are ignored.
+// of the message file (with retry). Failures are ignored; a null key or
+// value writes nothing.
 void UPDTSetMessage(const char* key, const char* value);
 
 #endif  // UPDATER_UPDATE_STATUS_H_
