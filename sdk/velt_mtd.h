@@ -34,17 +34,21 @@ typedef struct {
 int VELTMTDGetDeviceInfo(const char* path, void* buffer, int size);
 
 // Reads the FIS directory on `path` record by record until a record whose
-// first byte is 0xFF. Counting mode (buffer null, size 0): only counts.
-// Copying mode: copies the records into `buffer` (size bytes; fails with
-// "not enough memory" when they do not fit). *bytes receives 256 * count.
-// Returns the number of records, or -1 (a short read fails).
+// first byte is 0xFF. Counting mode (buffer null, size 0; a null buffer
+// always counts): only counts.
+// Copying mode: copies the records into `buffer` (size bytes, at least 1;
+// fails with "not enough memory" when they do not fit, after the records
+// that fit were copied). *bytes receives 256 * count on success only.
+// Returns the number of records, or -1 (a short read fails; its message
+// shows errno = 0 when the read itself did not fail).
 int VELTMTDGetPartitionInfo(const char* path, void* buffer, int size, int* bytes);
 
 // Moves the partition's extent to {flash_base, size}; nothing is erased.
 int VELTMTDModifyPartitionSize(const char* path, uint32_t flash_base, uint32_t size);
 
 // Replaces flash_base, size and data_length of the directory entry named
-// entry->name, through the FIS directory device `path`.
+// entry->name, through the FIS directory device `path`. The driver is given
+// a copy whose name holds at most the first 15 characters, NUL-padded.
 int VELTMTDModifyFISEntry(const char* path, const VELTMTDFisEntry* entry);
 
 // Erases the whole partition with one MEMERASE.
@@ -60,9 +64,13 @@ int VELTMTDUnlockPartition(const char* path);  // VELTMTDILock(path, 0)
 int VELTMTDIsMSysFlash(void);
 
 // The 652-byte stress-test block at offset 544 of /dev/mtd5, or of
-// /var/log/stress.data on junior boards. `read` 1 reads, 0 writes (and reads
-// the block back into `buffer`). 0, or -1 with the error code set
-// (0xD00 argument, 0x900 open, 0x2600 seek, 0xA00 read, 0xB00 write).
+// /var/log/stress.data on junior boards (created with mode 0600 when
+// missing). `read` 1 reads, 0 writes (and then, whatever the write's
+// outcome, reads the block back into `buffer`; the result is the write's).
+// A read stops early at the end of the file (a fresh stress file is empty)
+// and leaves the rest of `buffer` as it was. 0, or -1 with the error code
+// set (0xD00 argument, 0x900 open, 0x2600 seek, 0xA00 read, 0xB00 write or
+// close).
 int VELTMTDStressData(void* buffer, int read);
 int VELTMTDReadStressData(void* buffer);
 int VELTMTDWriteStressData(void* buffer);

@@ -583,7 +583,9 @@ int FlashChip::SetFisEntryLocked(int device, const std::string& name, uint32_t f
   uint32_t erase_size = state_.layout.erase_size;
   uint32_t record_offset = directory + static_cast<uint32_t>(found) * kFisRecordSize;
   uint32_t block_start = record_offset / erase_size * erase_size;
-  if (AnyLockedLocked(block_start, erase_size)) return EIO;
+  // The driver rewrites its directory itself: it unlocks the block around
+  // the rewrite and leaves the lock bits as they were, so a locked
+  // directory (as the boot loader's repair leaves it) can still be updated.
   std::vector<uint8_t> block(state_.image.begin() + block_start,
                              state_.image.begin() + block_start + erase_size);
   uint8_t* record = &block[record_offset - block_start];

@@ -48,8 +48,11 @@ int UPDTIsFixedPartition(const char* part);
 
 // Fills every row of gPartitionTable from the FIS directory and the package
 // files in the current (working) directory; sets gEraseBlockSize from the
-// FIS directory device. Fails (-1, logged) when the directory lacks a
-// partition of the table or the new contents exceed the flash.
+// FIS directory device. The flash runs from the "zImage" record's base to
+// the end of the "FIS Directory" record (worked out in 64 bits, so a
+// directory at the top of the address space without a kernel record still
+// gives a size). Fails (-1, logged) when the directory lacks a partition of
+// the table or the new contents exceed the flash.
 int UPDTInitPatchInfo(const unsigned char* fisRecords, int count);
 
 // 1 when any of the first `count` rows has a negative balance, else 0.

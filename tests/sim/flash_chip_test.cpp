@@ -215,14 +215,27 @@ TEST_F(FlashChipTest, SetFisEntryRewritesThreeFieldsOfOneRecordBigEndian) {
   ExpectImage(image);
 }
 
-TEST_F(FlashChipTest, SetFisEntryFailsForUnknownNamesOtherDevicesAndLockedDirectories) {
+TEST_F(FlashChipTest, SetFisEntryFailsForUnknownNamesAndOtherDevices) {
   OpenNor();
   EXPECT_EQ(-ENOENT, chip_.SetFisEntry(sim_test::kFisDevice, "nothing", 1, 2, 3));
   EXPECT_EQ(-ENOENT, chip_.SetFisEntry(sim_test::kFisDevice, "RedBoo", 1, 2, 3));
   EXPECT_EQ(-EINVAL, chip_.SetFisEntry(1, "zImage", 1, 2, 3));
-  ASSERT_EQ(0, chip_.Lock(sim_test::kFisDevice, 0, kNorEraseSize));
-  EXPECT_EQ(-EIO, chip_.SetFisEntry(sim_test::kFisDevice, "zImage", 1, 2, 3));
   ExpectImage(expected_.image);
+}
+
+TEST_F(FlashChipTest, SetFisEntryRewritesALockedDirectoryAndKeepsItLocked) {
+  OpenNor();
+  ASSERT_EQ(0, chip_.Lock(sim_test::kFisDevice, 0, kNorEraseSize));
+  ASSERT_EQ(0,
+            chip_.SetFisEntry(sim_test::kFisDevice, "zImage", 0x11223344, 0x55667788, 0x99AABBCC));
+  uint8_t* record = &expected_.image[0xF000 + 256];
+  flashsim::WriteBigEndian32(0x11223344, record + 16);
+  flashsim::WriteBigEndian32(0x55667788, record + 24);
+  flashsim::WriteBigEndian32(0x99AABBCC, record + 32);
+  ExpectImage(expected_.image);
+  // Still locked: a write into the directory is refused.
+  const uint8_t zero = 0;
+  EXPECT_EQ(-EIO, chip_.Write(sim_test::kFisDevice, 0, &zero, 1));
 }
 
 TEST_F(FlashChipTest, SetFisEntryLooksNoFurtherThanTheFirstErasedRecord) {

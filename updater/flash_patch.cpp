@@ -1,0 +1,369 @@
+#include "updater/flash_patch.h"
+
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "lib/slib_error.h"
+#include "lib/unique_fd.h"
+#include "sdk/velt_mtd.h"
+#include "updater/file_copy.h"
+#include "updater/fis_record.h"
+#include "updater/patch_plan.h"
+#include "updater/update_run.h"
+#include "updater/update_status.h"
+
+namespace {
+
+constexpr size_t kCommandSize = 256;
+constexpr int kPatchAttempts = 3;
+constexpr unsigned int kCopyBlockSize = 16384;
+constexpr unsigned int kVerifyBlockSize = 8192;
+constexpr int kRecoveredRecordCount = 6;
+
+using Command = char[kCommandSize];
+
+// The messages carry the source file's name, not the build's path to it.
+constexpr const char* BaseName(const char* path) {
+  const char* name = path;
+  for (const char* p = path; *p != '\0'; ++p) {
+    if (*p == '/') name = p + 1;
+  }
+  return name;
+}
+constexpr const char* kSourceFile = BaseName(__FILE__);
+
+// Function names in the log lines of the helpers that work for them.
+constexpr char kDoPatch[] = "UPDTDoPatch";
+constexpr char kRollBack[] = "UPDTRollBack";
+constexpr char kRecoverFis[] = "RecoverFISDirTable_K77GPlus_V284";
+
+// Formats a shell command into `command`. A command that does not fit is
+// never run cut short: the caller's step fails, and the log names the whole
+// command that would have been run.
+__attribute__((format(printf, 4, 5))) bool FormatCommand(Command command, const char* function,
+                                                         int line, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  va_list again;
+  va_copy(again, args);
+  const int needed = vsnprintf(command, kCommandSize, format, args);
+  va_end(args);
+  if (needed >= 0 && static_cast<size_t>(needed) < kCommandSize) {
+    va_end(again);
+    return true;
+  }
+  std::string whole(needed > 0 ? static_cast<size_t>(needed) + 1 : 1, '\0');
+  vsnprintf(&whole[0], whole.size(), format, again);
+  va_end(again);
+  syslog(LOG_ERR, "%s(%d): command too long [%s]", function, line, whole.c_str());
+  return false;
+}
+
+bool IsDirectoryPartition(const char* part) {
+  return strcmp(part, "RedBoot Config") == 0 || strcmp(part, "FIS Directory") == 0;
+}
+
+// Rows of the working plan: gPartitionCount of them, or fewer when the
+// table's end row comes first.
+int PlanRowCount() {
+  int rows = 0;
+  while (rows < gPartitionCount && rows < UPDT_MAX_PARTITIONS &&
+         gPartitionTable[rows].part != nullptr) {
+    ++rows;
+  }
+  return rows;
+}
+
+VELTMTDFisEntry MakeFisEntry(const char* name, uint32_t flash_base, uint32_t size,
+                             uint32_t data_length) {
+  VELTMTDFisEntry entry;
+  memset(&entry, 0, sizeof(entry));
+  // At most 15 characters: the name stays terminated.
+  memcpy(entry.name, name, strnlen(name, sizeof(entry.name) - 1));
+  entry.flash_base = flash_base;
+  entry.size = size;
+  entry.data_length = data_length;
+  return entry;
+}
+
+// One erase-write-verify attempt on `device`; false when any step fails.
+bool RewriteAttempt(const char* device, const std::string& source, uint32_t datalen, int attempt) {
+  syslog(LOG_INFO, "%s:%d(%s) Try to Erase MTD Partition(%s), [%d/%d]...", kSourceFile, __LINE__,
+         kDoPatch, device, attempt, kPatchAttempts);
+  if (VELTMTDErasePartition(device) != 0) {
+    syslog(LOG_ERR, "%s: VELTMTDErasePartition() fail", kDoPatch);
+    return false;
+  }
+  syslog(LOG_INFO, "%s:%d(%s) Try to Write MTD Partition(%s), [%d/%d]...", kSourceFile, __LINE__,
+         kDoPatch, device, attempt, kPatchAttempts);
+  if (UPDTCopyFile(source.c_str(), device, datalen, kCopyBlockSize) != 0) return false;
+  syslog(LOG_INFO, "%s:%d(%s) Try to Verify MTD Partition(%s), [%d/%d]...", kSourceFile, __LINE__,
+         kDoPatch, device, attempt, kPatchAttempts);
+  return UPDTVerifyFile(source.c_str(), device, datalen, kVerifyBlockSize) == 0;
+}
+
+// Moves, rewrites and verifies one planned partition and records its new
+// geometry in the FIS directory. `done` is the work of the partitions
+// rewritten before it.
+bool PatchPartition(const PartitionRecord& record, uint64_t done, uint64_t total) {
+  const char* device = SzUPDTGetDeviceByName(record.part);
+  if (device == nullptr) {
+    syslog(LOG_ERR, "%s(%d): fail to get device path", kDoPatch, __LINE__);
+    return false;
+  }
+  if (VELTMTDModifyPartitionSize(device, record.start, record.size) != 0) {
+    syslog(LOG_ERR, "%s: VELTMTDModifyPartitionSize() fail", kDoPatch);
+    return false;
+  }
+  const std::string source = std::string(gszWorkDir) + "/" + record.file;
+  bool rewritten = false;
+  for (int attempt = 0; attempt < kPatchAttempts && !rewritten; ++attempt) {
+    // An empty plan total only happens when every updated image is empty;
+    // the copy refuses those anyway.
+    const uint64_t progress = total == 0 ? 60 : 60 + (40 * done) / total;
+    UPDTSetProgress('P', static_cast<int>(progress));
+    rewritten = RewriteAttempt(device, source, record.datalen, attempt);
+  }
+  if (!rewritten) {
+    syslog(LOG_ERR, "%s:%d(%s) Try to Update [%s] %d counts failed ...", kSourceFile, __LINE__,
+           kDoPatch, device, kPatchAttempts);
+    return false;
+  }
+  const VELTMTDFisEntry entry =
+      MakeFisEntry(record.part, record.start, record.size, record.datalen);
+  if (VELTMTDModifyFISEntry(gszDevMtdPartition, &entry) != 0) {
+    syslog(LOG_ERR, "%s: VELTMTDModifyFISEntry() fail", kDoPatch);
+    return false;
+  }
+  syslog(LOG_INFO, "%s: Finish updating [%s]", kDoPatch, record.part);
+  return true;
+}
+
+// Puts the backup of one partition back under its old geometry.
+bool RestorePartition(int row, const unsigned char* fisRecords, int count) {
+  const PartitionRecord& record = gPartitionTable[row];
+  const int index = GetIdxByName(record.part, fisRecords, count);
+  if (index < 0) {
+    syslog(LOG_ERR, "%s(%d): get idx of partition %d [%s] fail", kRollBack, __LINE__, row,
+           record.part);
+    return false;
+  }
+  const char* device = SzUPDTGetDeviceByName(record.part);
+  if (device == nullptr) {
+    syslog(LOG_ERR, "%s(%d): fail to get device path", kRollBack, __LINE__);
+    return false;
+  }
+  FisImageDesc old;
+  UPDTFisDecode(fisRecords + static_cast<size_t>(index) * FIS_RECORD_SIZE, &old);
+  if (VELTMTDModifyPartitionSize(device, old.flash_base, old.size) != 0) {
+    syslog(LOG_ERR, "%s: VELTMTDModifyPartitionSize() fail", kRollBack);
+    return false;
+  }
+  syslog(LOG_INFO, "%s:%d(%s) VELTMTDErasePartition(%s)...", kSourceFile, __LINE__, kRollBack,
+         device);
+  if (VELTMTDErasePartition(device) != 0) {
+    syslog(LOG_ERR, "%s: VELTMTDErasePartition() fail", kRollBack);
+    return false;
+  }
+  Command command;
+  if (!FormatCommand(command, kRollBack, __LINE__,
+                     "/bin/dd if=\"%s/%s/mtd_%s\" of=\"%s\" bs=131072", gszWorkDir, UPDT_BACKUP_DIR,
+                     old.name, device)) {
+    return false;
+  }
+  syslog(LOG_INFO, "%s(%d): command=[%s]", kRollBack, __LINE__, command);
+  if (UPDTExecute(command) < 0) return false;
+  const VELTMTDFisEntry entry = MakeFisEntry(old.name, old.flash_base, old.size, old.data_length);
+  if (VELTMTDModifyFISEntry(gszDevMtdPartition, &entry) != 0) {
+    syslog(LOG_ERR, "%s: VELTMTDModifyFISEntry() fail", kRollBack);
+    return false;
+  }
+  return true;
+}
+
+struct RecoveredRecord {
+  const char* name;
+  uint32_t flash_base;
+  uint32_t size;
+  uint32_t data_length;
+};
+
+// The directory of the 2 MiB board (0xFFE00000 to the top of the address
+// space); memory base = flash base, everything else zero.
+constexpr RecoveredRecord kRecoveredDirectory[kRecoveredRecordCount] = {
+    {"RedBoot", 0xFFF00000, 0x40000, 0x3A448},        {"zImage", 0xFFE00000, 0xD0000, 0xC5EDA},
+    {"rd.gz", 0xFFF40000, 0xB0000, 0xAEE2C},          {"vendor", 0xFFED0000, 0x10000, 0x10000},
+    {"RedBoot Config", 0xFFEE0000, 0x10000, 0x10000}, {"FIS Directory", 0xFFFF0000, 0x10000, 0x600},
+};
+
+void EncodeRecoveredDirectory(unsigned char* directory) {
+  for (int i = 0; i < kRecoveredRecordCount; ++i) {
+    const RecoveredRecord& record = kRecoveredDirectory[i];
+    FisImageDesc desc;
+    memset(&desc, 0, sizeof(desc));
+    snprintf(desc.name, sizeof(desc.name), "%s", record.name);
+    desc.flash_base = record.flash_base;
+    desc.mem_base = record.flash_base;
+    desc.size = record.size;
+    desc.data_length = record.data_length;
+    UPDTFisEncode(&desc, directory + static_cast<size_t>(i) * FIS_RECORD_SIZE);
+  }
+}
+
+// Erases the directory device and writes the built-in directory onto it;
+// the caller locks the device again whatever happens here.
+bool WriteRecoveredDirectory(const char* device) {
+  if (VELTMTDUnlockPartition(device) != 0) {
+    syslog(LOG_ERR, "%s:%d(%s) VELTMTDUnlockPartition(%s) fail", kSourceFile, __LINE__, kRecoverFis,
+           device);
+    return false;
+  }
+  if (VELTMTDErasePartition(device) != 0) {
+    syslog(LOG_ERR, "%s:%d(%s) VELTMTDErasePartition(%s) fail", kSourceFile, __LINE__, kRecoverFis,
+           device);
+    return false;
+  }
+  UniqueFd fd(open(device, O_WRONLY));
+  if (fd.get() < 0) {
+    syslog(LOG_ERR, "%s:%d(%s) open(%s) fail", kSourceFile, __LINE__, kRecoverFis, device);
+    SLIBCErrSet(SLIB_ERR_OPEN);
+    return false;
+  }
+  unsigned char directory[kRecoveredRecordCount * FIS_RECORD_SIZE];
+  EncodeRecoveredDirectory(directory);
+  size_t written = 0;
+  while (written < sizeof(directory)) {
+    const ssize_t result = write(fd.get(), directory + written, sizeof(directory) - written);
+    // A write that takes nothing would never finish the directory either.
+    if (result <= 0) {
+      syslog(LOG_ERR, "%s:%d(%s) write(%s) fail", kSourceFile, __LINE__, kRecoverFis, device);
+      SLIBCErrSet(SLIB_ERR_READ);
+      return false;
+    }
+    written += static_cast<size_t>(result);
+  }
+  return true;
+}
+
+}  // namespace
+
+int UPDTLockAll(int lock) {
+  for (int i = 0; i <= UPDT_MAX_PARTITIONS && gPartitionDevices[i].part != nullptr; ++i) {
+    const PartitionDevice& pair = gPartitionDevices[i];
+    if (IsDirectoryPartition(pair.part)) continue;
+    if (lock == 1) {
+      if (VELTMTDLockPartition(pair.device) != 0) {
+        syslog(LOG_ERR, "%s: VELTMTDLockPartition(%s) fail", __func__, pair.device);
+        return -1;
+      }
+    } else if (VELTMTDUnlockPartition(pair.device) != 0) {
+      syslog(LOG_ERR, "%s: VELTMTDUnlockPartition(%s) fail", __func__, pair.device);
+      return -1;
+    }
+  }
+  return 0;
+}
+
+int UPDTUnlockAllPartition(void) { return UPDTLockAll(0); }
+
+int UPDTBackupOldPartition(const unsigned char* fisRecords, int count) {
+  if (fisRecords == nullptr || count < 1) {
+    syslog(LOG_ERR, "%s(%d): parameter error ", __func__, __LINE__);
+    return -1;
+  }
+  Command command;
+  if (!FormatCommand(command, __func__, __LINE__, "/bin/rm -rf %s/%s; /bin/mkdir -p %s/%s",
+                     gszWorkDir, UPDT_BACKUP_DIR, gszWorkDir, UPDT_BACKUP_DIR)) {
+    return -1;
+  }
+  syslog(LOG_INFO, "szCmd=[%s]", command);
+  if (UPDTExecute(command) < 0) return -1;
+  for (int i = 0; i < count; ++i) {
+    char name[FIS_NAME_SIZE + 1];
+    UPDTFisName(fisRecords + static_cast<size_t>(i) * FIS_RECORD_SIZE, name);
+    const char* device = SzUPDTGetDeviceByName(name);
+    if (device == nullptr) {
+      syslog(LOG_ERR, "%s(%d): fail to get device path", __func__, __LINE__);
+      return -1;
+    }
+    if (!FormatCommand(command, __func__, __LINE__,
+                       "/bin/dd if=\"%s\" of=\"%s/%s/mtd_%s\" bs=16384", device, gszWorkDir,
+                       UPDT_BACKUP_DIR, name)) {
+      return -1;
+    }
+    syslog(LOG_INFO, "%s(%d): command=[%s]", __func__, __LINE__, command);
+    if (UPDTExecute(command) < 0) return -1;
+    UPDTSetProgress('P', 30 + 5 * i);
+  }
+  return 0;
+}
+
+int UPDTDoPatch(const unsigned char* fisRecords, int count) {
+  if (fisRecords == nullptr || count < 1) {
+    syslog(LOG_ERR, "%s(%d): parameter error ", __func__, __LINE__);
+    return -1;
+  }
+  const int rows = PlanRowCount();
+  if (UPDTNeedResize(gPartitionTable, rows)) {
+    syslog(LOG_INFO, "%s(%d): NEED RESIZE THE PARTITION", __func__, __LINE__);
+    if (ErrUPDTAdjustPartitionSize(gPartitionTable, rows) != 0) {
+      syslog(LOG_ERR, "%s(%d): fail to resize", __func__, __LINE__);
+      return -1;
+    }
+  }
+  if (UPDTUnlockAllPartition() != 0) {
+    syslog(LOG_ERR, "%s: UPDTUnlockAllPartition() fail", __func__);
+    return -1;
+  }
+  // One pass writes each image and one reads it back.
+  uint64_t total = 0;
+  for (int i = 0; i < rows; ++i) {
+    if (gPartitionTable[i].fneedupdate != 0) total += 2 * uint64_t{gPartitionTable[i].datalen};
+  }
+  gullUpdateTotal = total;
+  gullUpdateDone = 0;
+  uint64_t done = 0;
+  for (int i = 0; i < rows; ++i) {
+    const PartitionRecord& record = gPartitionTable[i];
+    if (record.fneedupdate == 0) {
+      syslog(LOG_INFO, "%s: skip updating [%s]", __func__, record.part);
+      continue;
+    }
+    if (!PatchPartition(record, done, total)) return -1;
+    done += 2 * uint64_t{record.datalen};
+  }
+  return 0;
+}
+
+int UPDTRollBack(const unsigned char* fisRecords, int count) {
+  if (fisRecords == nullptr || count < 1) {
+    syslog(LOG_ERR, "%s(%d): parameter error ", __func__, __LINE__);
+    return -1;
+  }
+  if (UPDTUnlockAllPartition() != 0) {
+    syslog(LOG_ERR, "%s: UPDTUnlockAllPartition() fail", __func__);
+    return -1;
+  }
+  const int rows = PlanRowCount();
+  for (int i = 0; i < rows; ++i) {
+    if (gPartitionTable[i].fneedupdate == 0) {
+      syslog(LOG_INFO, "%s: skip recoverying [%s]", __func__, gPartitionTable[i].part);
+      continue;
+    }
+    if (!RestorePartition(i, fisRecords, count)) return -1;
+  }
+  return 0;
+}
+
+int RecoverFISDirTable_K77GPlus_V284(void) {
+  const bool written = WriteRecoveredDirectory(gszDevMtdPartition);
+  VELTMTDLockPartition(gszDevMtdPartition);
+  return written ? 0 : -1;
+}
