@@ -29,6 +29,7 @@
 #include <sstream>
 
 #include "sandbox_stubs.h"
+#include "sandbox_texts.h"
 #include "sim/flash_state.h"
 
 namespace fs = std::filesystem;
@@ -425,6 +426,18 @@ bool InstallStubs(const std::string& root, const Scenario& scenario, std::string
   return true;
 }
 
+// The event texts of every language, at /usr/velt/veltsdk/texts/<lang>/events.
+bool InstallEventTexts(const std::string& root, std::string* error) {
+  for (const EventTexts* texts = kEventTexts; texts->lang != nullptr; ++texts) {
+    const std::string dir = root + "/usr/velt/veltsdk/texts/" + texts->lang;
+    if (!MakeDirs(dir, 0755, error) ||
+        !WriteFileMode(dir + "/events", texts->content, 0644, error)) {
+      return false;
+    }
+  }
+  return true;
+}
+
 bool PlaceFiles(const std::string& root, const std::vector<RootFile>& files, std::string* error) {
   for (const RootFile& file : files) {
     if (file.path.empty() || file.path[0] != '/') {
@@ -433,6 +446,10 @@ bool PlaceFiles(const std::string& root, const std::vector<RootFile>& files, std
     }
     const std::string target = root + file.path;
     if (!MakeDirs(Dirname(target), 0755, error)) return false;
+    // A file placed over one of busybox's applet links replaces the link; it
+    // must not be written through it into busybox.
+    struct stat st;
+    if (lstat(target.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) unlink(target.c_str());
     if (file.source.empty()) {
       if (!WriteFileMode(target, file.content, file.mode, error)) return false;
       continue;
@@ -1126,7 +1143,7 @@ std::unique_ptr<Sandbox> Sandbox::Create(const std::string& dir, const Scenario&
   const bool built = MakeSkeleton(root, error) && InstallBusybox(root, busybox, error) &&
                      InstallLibraryDirs(root, error) && InstallDevices(root, partitions, error) &&
                      InstallEtc(root, scenario, error) && InstallStubs(root, scenario, error) &&
-                     PlaceFiles(root, scenario.files, error) &&
+                     InstallEventTexts(root, error) && PlaceFiles(root, scenario.files, error) &&
                      (scenario.layout_file.empty() || CreateFlash(dir, scenario, tools, error));
   if (!built) return nullptr;
   return Open(dir, tools, error);

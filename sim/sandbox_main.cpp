@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "sim/sandbox.h"
+#include "sim/update_scenario.h"
 
 namespace {
 
@@ -76,22 +77,6 @@ bool SplitPair(const std::string& text, std::string* key, std::string* value) {
 
 sandbox::Tools Tools() { return sandbox::ToolsBeside("/proc/self/exe"); }
 
-bool ApplyBoard(const std::string& board, sandbox::Scenario* scenario, std::string* error) {
-  if (board == "none") {
-    scenario->layout_file.clear();
-    return true;
-  }
-  if (board != "nor8" && board != "junior6" && board != "msys") {
-    *error = "unknown board \"" + board + "\" (nor8, junior6, msys, none)";
-    return false;
-  }
-  scenario->layout_file = std::string(SANDBOX_LAYOUT_DIR) + "/" + board + ".layout";
-  if (board == "junior6") {
-    sandbox::SetKeyValue(&scenario->default_settings, "unique", "veltara_powerpc_junior");
-  }
-  return true;
-}
-
 // Reads the create options into `scenario`; false with a message. The board
 // is applied first, so that explicit settings override its defaults.
 bool ParseCreate(const std::vector<std::string>& args, sandbox::Scenario* scenario,
@@ -101,7 +86,10 @@ bool ParseCreate(const std::vector<std::string>& args, sandbox::Scenario* scenar
     return false;
   }
   for (size_t i = 0; i < args.size(); i += 2) {
-    if (args[i] == "--board" && !ApplyBoard(args[i + 1], scenario, error)) return false;
+    if (args[i] == "--board" &&
+        !sandbox::ApplyBoard(args[i + 1], SANDBOX_LAYOUT_DIR, scenario, error)) {
+      return false;
+    }
     if (args[i] == "--layout") scenario->layout_file = args[i + 1];
   }
   for (size_t i = 0; i < args.size(); i += 2) {

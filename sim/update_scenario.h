@@ -1,0 +1,68 @@
+// Appliance scenarios for rehearsing an update: the board (flash layout and
+// the settings that go with it) and a sample update package whose images
+// are made for that board. Shared by filebay-sandbox, filebay-rehearse and
+// the end-to-end tests of the updater.
+#ifndef SIM_UPDATE_SCENARIO_H_
+#define SIM_UPDATE_SCENARIO_H_
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include "sim/flash_state.h"
+#include "sim/sandbox.h"
+
+namespace sandbox {
+
+// Board "nor8", "junior6", "msys" (layout `layout_dir`/NAME.layout) or
+// "none" (no flash). junior6 also makes the board's unique string
+// "veltara_powerpc_junior". False with a message for an unknown board.
+bool ApplyBoard(const std::string& board, const std::string& layout_dir, Scenario* scenario,
+                std::string* error);
+
+// The package directory inside the root, and the archive the run leaves on
+// the volume for the next boot.
+constexpr char kPackageDir[] = "/volume1/upd@te";
+constexpr char kNextBootArchive[] = "/volume1/VeltUpgrade.tar.gz";
+
+// One image of a sample package: a package file name and its bytes.
+struct PackageImage {
+  std::string file;
+  std::string bytes;
+};
+
+struct PackageSpec {
+  // The package's VERSION; unique empty: the scenario board's own.
+  std::string major = "2";
+  std::string minor = "0";
+  std::string phase = "3";
+  std::string build = "501";
+  std::string unique;
+  // The kernel image grows by one erase block beyond its partition, so that
+  // the plan must take a block from the library archive and shift the
+  // partitions after it (only on the 8-partition board).
+  bool rebalance = false;
+  bool hard_disk_archive = true;  // "hda1.tgz"
+};
+
+// Bytes of a sample image: lines "<label> new image +OFFSET" up to `size`.
+std::string SampleImageBytes(const std::string& label, uint32_t size);
+
+// The images of a sample package for `layout`: the kernel ("zImage"), the
+// root image ("rd.bin") and, on the 8-partition board, the library archive
+// ("AllLib.tgz"), each sized to fit its partition (or, with `rebalance`, the
+// kernel one block too big).
+std::vector<PackageImage> SampleImages(const flashsim::ChipLayout& layout, const PackageSpec& spec);
+
+// The files of a sample package in kPackageDir: the images, "VERSION" and,
+// when asked, "hda1.tgz". `unique` is the board's unique string.
+std::vector<RootFile> SamplePackageFiles(const flashsim::ChipLayout& layout,
+                                         const PackageSpec& spec, const std::string& unique);
+
+// The layout file of a scenario, parsed; false with a message.
+bool LoadLayoutFile(const std::string& path, flashsim::ChipLayout* layout, std::string* error);
+
+}  // namespace sandbox
+
+#endif  // SIM_UPDATE_SCENARIO_H_
