@@ -132,21 +132,39 @@ std::string BindDevice(const std::string& root, const char* name) {
   return MountOrWhy(host.c_str(), target, nullptr, MS_BIND, nullptr);
 }
 
+std::string MountOverlay(const std::string& lower, const std::string& upper_base,
+                         const std::string& target) {
+  const std::string upper = upper_base + "/upper";
+  const std::string work = upper_base + "/work";
+  for (const std::string& dir : {upper_base, upper, work}) mkdir(dir.c_str(), 0755);
+  const std::string options = "lowerdir=" + lower + ",upperdir=" + upper + ",workdir=" + work;
+  return MountOrWhy("overlay", target, "overlay", 0, options.c_str());
+}
+
+// The root and /tmp are copy-on-write views of the host's: programs and data
+// of the build (which may live under /tmp) stay visible, and nothing written
+// reaches the host.
 std::string BuildThrowawayRoot() {
   std::string why = EnterMountNamespace();
   if (!why.empty()) return why;
   why = MountOrWhy(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
   if (!why.empty()) return why;
+  // The host's /tmp, reached through this descriptor once the staging tmpfs
+  // covers it.
+  const int host_tmp = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (host_tmp < 0) return std::string("cannot open /tmp: ") + strerror(errno);
   why = MountOrWhy("tmpfs", "/tmp", "tmpfs", 0, "mode=1777");
-  if (!why.empty()) return why;
   const std::string base = kThrowawayBase;
   const std::string root = base + "/root";
-  for (const std::string& dir : {base, base + "/upper", base + "/work", root})
-    mkdir(dir.c_str(), 0755);
-  const std::string options = "lowerdir=/,upperdir=" + base + "/upper,workdir=" + base + "/work";
-  why = MountOrWhy("overlay", root, "overlay", 0, options.c_str());
-  if (!why.empty()) return why;
-  why = MountOrWhy("tmpfs", root + "/tmp", "tmpfs", 0, "mode=1777");
+  if (why.empty()) {
+    mkdir(base.c_str(), 0755);
+    mkdir(root.c_str(), 0755);
+    why = MountOverlay("/", base + "/rootfs", root);
+  }
+  if (why.empty()) {
+    why = MountOverlay("/proc/self/fd/" + std::to_string(host_tmp), base + "/tmpfs", root + "/tmp");
+  }
+  close(host_tmp);
   if (why.empty()) why = MountOrWhy("tmpfs", root + "/dev", "tmpfs", 0, "mode=755");
   if (why.empty()) why = MountOrWhy("/proc", root + "/proc", nullptr, MS_BIND | MS_REC, nullptr);
   for (const char* device : {"null", "zero", "urandom", "fuse"}) {

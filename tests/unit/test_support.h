@@ -46,8 +46,9 @@ std::string LongText(size_t length, char first);
 std::string EnterPrivateTmp();
 
 // Gives this process a throwaway root: in a mount namespace of its own, a
-// copy-on-write view (overlay) of the host's root file system with a fresh
-// tmpfs on /tmp, a private /dev holding only null, zero, urandom and fuse,
+// copy-on-write view (overlay) of the host's root file system and of its
+// /tmp (so build trees under /tmp stay reachable), a private /dev holding
+// only null, zero, urandom and fuse,
 // and the host's /proc; then chroots into it. Code with fixed paths
 // (/etc.defaults/VERSION, /etc/veltinfo.conf, /var/log/..., /writeable,
 // /dev/mtdN) reads and writes there and the host never sees a change.

@@ -1,0 +1,977 @@
+// The update run end to end: the simulator build of the updater runs inside
+// appliance sandboxes (simulated flash chip, stub services, a sample package
+// in /volume1/upd@te) and each test checks what the appliance would show
+// afterwards: the exit status, the progress record, the update log, the
+// syslog, the stub service calls, the whole flash chip with its FIS
+// directory, and the files left behind.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "sim/flash_state.h"
+#include "sim/sandbox.h"
+#include "sim/update_scenario.h"
+
+namespace {
+
+using sandbox::RootFile;
+using sandbox::RunResult;
+using sandbox::Sandbox;
+using sandbox::Scenario;
+
+constexpr char kUpdater[] = "/volume1/upd@te/updater";
+constexpr char kPackageArchive[] = "/volume1/upd@te/hda1.tgz";
+constexpr char kBackupDir[] = "/volume1/upd@te/b@ckup";
+constexpr char kNorUnique[] = "veltara_powerpc_1hd";
+constexpr char kJuniorUnique[] = "veltara_powerpc_junior";
+constexpr char kStartLine[] = "Start of the update...";
+constexpr char kUpgradeLine[] = "Upgrade from version 2.0.3.500 to version 2.0.3.501";
+constexpr char kDoneLine[] = "Congratulation!! The update has been completed!!";
+constexpr char kRebootMessage[] =
+    "extramsg=\"To perform upgrade task, you have to REBOOT your Filebay first.\"\n";
+constexpr uint8_t kErased = 0xFF;
+
+std::string NewSandboxDir() {
+  const char* base = getenv("TMPDIR");
+  std::string pattern =
+      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/updater-run-test-XXXXXX";
+  if (mkdtemp(pattern.data()) == nullptr) return "";
+  return pattern;
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+bool ReadHostFile(const std::string& path, std::string* content) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  std::ostringstream bytes;
+  bytes << in.rdbuf();
+  *content = bytes.str();
+  return true;
+}
+
+bool Contains(const std::vector<std::string>& lines, const std::string& wanted) {
+  for (const std::string& line : lines) {
+    if (line == wanted) return true;
+  }
+  return false;
+}
+
+std::string Joined(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) text += "  " + line + "\n";
+  return text;
+}
+
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+
+bool IsNameCharacter(char c) {
+  return IsDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
+}
+
+// `message` with source line numbers replaced by N: "main(317)" ->
+// "main(N)" and "updater:71(UPDTUpdateConfig)" -> "updater:N(UPDTUpdateConfig)",
+// so that the tests do not depend on where in the source a message is.
+std::string WithoutLineNumbers(const std::string& message) {
+  std::string text;
+  size_t i = 0;
+  while (i < message.size()) {
+    const char c = message[i];
+    size_t end = i + 1;
+    while (end < message.size() && IsDigit(message[end])) ++end;
+    const bool has_digits = end > i + 1 && end < message.size();
+    const bool after_name = i > 0 && IsNameCharacter(message[i - 1]);
+    if (has_digits && after_name &&
+        ((c == '(' && message[end] == ')') || (c == ':' && message[end] == '('))) {
+      text += c;
+      text += 'N';
+      i = end;
+      continue;
+    }
+    text += c;
+    ++i;
+  }
+  return text;
+}
+
+// The updater's own syslog lines as "<facility.priority> <message>", line
+// numbers replaced.
+std::vector<std::string> UpdaterMessages(const RunResult& result) {
+  std::vector<std::string> messages;
+  for (const std::string& line : result.syslog) {
+    const size_t ident = line.find(" updater: ");
+    if (ident == std::string::npos) continue;
+    const size_t priority = line.rfind(' ', ident - 1);
+    if (priority == std::string::npos) continue;
+    std::string message = line.substr(priority + 1, ident - priority - 1) + " " +
+                          line.substr(ident + strlen(" updater: "));
+    while (!message.empty() && (message.back() == '\n' || message.back() == ' ')) {
+      message.pop_back();
+    }
+    messages.push_back(WithoutLineNumbers(message));
+  }
+  return messages;
+}
+
+// True when `line` starts with a time stamp "YYYY/MM/DD HH:MM:SS" and a tab.
+bool HasTimeStamp(const std::string& line) {
+  static const char kShape[] = "dddd/dd/dd dd:dd:dd\t";
+  const size_t length = strlen(kShape);
+  if (line.size() < length) return false;
+  for (size_t i = 0; i < length; ++i) {
+    if (kShape[i] == 'd' ? !IsDigit(line[i]) : line[i] != kShape[i]) return false;
+  }
+  return true;
+}
+
+std::string Describe(const RunResult& result) {
+  std::string text = "ok=" + std::to_string(result.ok) + " error=[" + result.error +
+                     "] status=" + std::to_string(result.status) + "\nstdout:\n" + result.out +
+                     "stderr:\n" + result.err + "syslog:\n" + Joined(result.syslog) +
+                     "stub calls:\n" + Joined(result.stub_calls);
+  return text;
+}
+
+// "filebay-flash ARGS" on the host: its exit status and what it printed.
+int RunFlashTool(const std::string& args, std::string* output) {
+  const std::string command = std::string(FLASH_TOOL) + " " + args + " 2>&1";
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return -1;
+  char buffer[512];
+  output->clear();
+  while (fgets(buffer, sizeof(buffer), pipe) != nullptr) *output += buffer;
+  const int status = pclose(pipe);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool SameRecord(const flashsim::FisRecord& a, const flashsim::FisRecord& b) {
+  return a.name == b.name && a.flash_base == b.flash_base && a.size == b.size &&
+         a.data_length == b.data_length;
+}
+
+std::string DescribeRecords(const std::vector<flashsim::FisRecord>& records) {
+  std::string text;
+  char line[128];
+  for (const flashsim::FisRecord& record : records) {
+    snprintf(line, sizeof(line), "  %-16s 0x%08X 0x%08X 0x%08X\n", record.name.c_str(),
+             record.flash_base, record.size, record.data_length);
+    text += line;
+  }
+  return text;
+}
+
+// A package's VERSION file.
+std::string VersionFile(const std::string& major, const std::string& minor,
+                        const std::string& build, const std::string& unique) {
+  std::string text = "majorversion=\"" + major + "\"\nminorversion=\"" + minor +
+                     "\"\nbuildphase=\"3\"\nbuildnumber=\"" + build + "\"\n";
+  if (!unique.empty()) text += "unique=\"" + unique + "\"\n";
+  return text;
+}
+
+// Replaces the file at `path` in `files`, or adds it.
+void PutFile(std::vector<RootFile>* files, const RootFile& file) {
+  for (RootFile& existing : *files) {
+    if (existing.path == file.path) {
+      existing = file;
+      return;
+    }
+  }
+  files->push_back(file);
+}
+
+void DropFile(std::vector<RootFile>* files, const std::string& path) {
+  for (auto it = files->begin(); it != files->end(); ++it) {
+    if (it->path == path) {
+      files->erase(it);
+      return;
+    }
+  }
+}
+
+class UpdaterRunTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    tools_.flash_tool = FLASH_TOOL;
+    tools_.flashsim = FLASHSIM_DAEMON;
+    const std::string reason = sandbox::Unavailable(tools_, /*need_flash=*/true);
+    if (!reason.empty()) GTEST_SKIP() << reason;
+  }
+
+  void TearDown() override {
+    if (box_ == nullptr) return;
+    std::string error;
+    EXPECT_TRUE(box_->Destroy(HasFailure(), &error)) << error;
+    box_.reset();
+  }
+
+  // A scenario for `board` ("nor8" or "junior6") with the sample package of
+  // `spec` and the updater in the package directory.
+  Scenario BoardScenario(const std::string& board, const sandbox::PackageSpec& spec) {
+    Scenario scenario;
+    std::string error;
+    EXPECT_TRUE(sandbox::ApplyBoard(board, SANDBOX_LAYOUT_DIR, &scenario, &error)) << error;
+    EXPECT_TRUE(sandbox::LoadLayoutFile(scenario.layout_file, &layout_, &error)) << error;
+    spec_ = spec;
+    scenario.files =
+        sandbox::SamplePackageFiles(layout_, spec, board == "junior6" ? kJuniorUnique : kNorUnique);
+    scenario.files.push_back({kUpdater, "", UPDATER_SIM, 0755});
+    return scenario;
+  }
+
+  Scenario Nor8(bool rebalance = false) {
+    sandbox::PackageSpec spec;
+    spec.rebalance = rebalance;
+    return BoardScenario("nor8", spec);
+  }
+
+  // Builds the sandbox and keeps the chip as it was before any run; null
+  // after a recorded failure.
+  Sandbox* Build(const Scenario& scenario) {
+    const std::string dir = NewSandboxDir();
+    std::string error;
+    box_ = Sandbox::Create(dir, scenario, tools_, &error);
+    if (box_ == nullptr) {
+      ADD_FAILURE() << "Create(" << dir << "): " << error;
+      std::string ignored;
+      sandbox::DestroyDir(dir, &ignored);
+      return nullptr;
+    }
+    EXPECT_TRUE(flashsim::LoadState(box_->FlashStateDir(), &before_, &error)) << error;
+    return box_.get();
+  }
+
+  RunResult Run(const std::vector<std::string>& argv,
+                const std::vector<std::string>& env = std::vector<std::string>()) {
+    sandbox::RunOptions options;
+    options.timeout_seconds = 60;
+    options.env = env;
+    RunResult result = box_->Run(argv, options);
+    EXPECT_TRUE(result.ok) << Describe(result);
+    EXPECT_FALSE(result.timed_out) << Describe(result);
+    // A sanitizer build of the program reports its findings on stderr.
+    EXPECT_EQ(result.err.find("Sanitizer"), std::string::npos) << result.err;
+    EXPECT_EQ(result.err.find("runtime error:"), std::string::npos) << result.err;
+    return result;
+  }
+
+  RunResult RunUpdater(const std::vector<std::string>& args = std::vector<std::string>()) {
+    std::vector<std::string> argv = {kUpdater};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return Run(argv);
+  }
+
+  flashsim::ChipState After() {
+    flashsim::ChipState state;
+    std::string error;
+    EXPECT_TRUE(flashsim::LoadState(box_->FlashStateDir(), &state, &error)) << error;
+    return state;
+  }
+
+  static std::vector<flashsim::FisRecord> FisRecords(const flashsim::ChipState& state) {
+    const flashsim::PartitionLayout* directory = state.layout.Find(state.layout.fis_device);
+    if (directory == nullptr) return {};
+    const uint32_t offset = directory->base - state.layout.chip_base;
+    const std::vector<uint8_t> bytes(state.image.begin() + offset,
+                                     state.image.begin() + offset + directory->size);
+    bool terminated = false;
+    std::vector<flashsim::FisRecord> records = flashsim::DecodeFisDirectory(bytes, &terminated);
+    EXPECT_TRUE(terminated) << "the FIS directory does not end with an erased record";
+    return records;
+  }
+
+  void ExpectFlashUntouched() {
+    const flashsim::ChipState after = After();
+    EXPECT_TRUE(after.image == before_.image) << "the chip changed";
+    EXPECT_EQ(flashsim::FormatLayout(after.layout), flashsim::FormatLayout(before_.layout));
+  }
+
+  void ExpectFlashCheckPasses() {
+    std::string output;
+    EXPECT_EQ(RunFlashTool("check " + box_->FlashStateDir(), &output), 0) << output;
+  }
+
+  // The progress file holds `record` (as "%c:%d:" writes it) followed by the
+  // six blanks of the format and nothing but blanks after them.
+  void ExpectProgress(const std::string& record) {
+    std::string progress;
+    ASSERT_TRUE(box_->ReadRootFile("/tmp/update.progress", &progress));
+    const std::string head = record + "      ";
+    EXPECT_EQ(progress.substr(0, head.size()), head) << "[" << progress << "]";
+    EXPECT_EQ(progress.find_first_not_of(' ', head.size()), std::string::npos)
+        << "[" << progress << "]";
+  }
+
+  // The update log's lines without their time stamps; each line must carry
+  // one ("YYYY/MM/DD HH:MM:SS" and a tab).
+  std::vector<std::string> UpdateLog() {
+    std::string text;
+    EXPECT_TRUE(box_->ReadRootFile("/var/log/veltupdate.log", &text));
+    std::vector<std::string> lines;
+    for (const std::string& line : Lines(text)) {
+      EXPECT_TRUE(HasTimeStamp(line)) << "[" << line << "]";
+      lines.push_back(HasTimeStamp(line) ? line.substr(strlen("YYYY/MM/DD HH:MM:SS\t")) : line);
+    }
+    return lines;
+  }
+
+  bool RootFileExists(const std::string& path) {
+    struct stat st;
+    return lstat(box_->RootPath(path).c_str(), &st) == 0;
+  }
+
+  // The package's hard-disk archive is still in the package directory and
+  // has not reached any volume.
+  void ExpectArchiveNotMoved() {
+    EXPECT_TRUE(RootFileExists(kPackageArchive));
+    EXPECT_FALSE(RootFileExists(sandbox::kNextBootArchive));
+  }
+
+  // The outcome of a run that failed with `code` after the services had been
+  // stopped: they were started again, in the stub call log after their stop.
+  void ExpectServicesStoppedThenStarted(const RunResult& result) {
+    size_t stops = 0;
+    size_t starts = 0;
+    size_t first_start = result.stub_calls.size();
+    for (size_t i = 0; i < result.stub_calls.size(); ++i) {
+      const std::string& call = result.stub_calls[i];
+      if (call.size() > 5 && call.compare(call.size() - 5, 5, " stop") == 0) {
+        ++stops;
+        EXPECT_LT(i, first_start) << "a stop after a start:\n" << Joined(result.stub_calls);
+      }
+      if (call.size() > 6 && call.compare(call.size() - 6, 6, " start") == 0) {
+        ++starts;
+        if (first_start == result.stub_calls.size()) first_start = i;
+      }
+    }
+    EXPECT_GT(stops, 0u) << Joined(result.stub_calls);
+    EXPECT_GT(starts, 0u) << Joined(result.stub_calls);
+    EXPECT_TRUE(Contains(result.stub_calls, "/usr/velt/etc/rc.d/S20pgsql.sh stop"))
+        << Joined(result.stub_calls);
+    EXPECT_TRUE(Contains(result.stub_calls, "/usr/velt/etc/rc.d/S20pgsql.sh start"))
+        << Joined(result.stub_calls);
+  }
+
+  // After a success the services stay stopped: the run only stopped them.
+  void ExpectServicesOnlyStopped(const RunResult& result) {
+    EXPECT_FALSE(result.stub_calls.empty());
+    for (const std::string& call : result.stub_calls) {
+      EXPECT_TRUE(call.size() > 5 && call.compare(call.size() - 5, 5, " stop") == 0)
+          << "unexpected call: " << call;
+    }
+    EXPECT_TRUE(Contains(result.stub_calls, "/usr/velt/etc/rc.d/S20pgsql.sh stop"))
+        << Joined(result.stub_calls);
+  }
+
+  // A run that failed with `code`: the failure line in syslog and in the
+  // update log (its last line), and the progress letter at `letter`.
+  void ExpectFailure(const RunResult& result, int code, char letter) {
+    EXPECT_EQ(result.status, code) << Describe(result);
+    const std::string failed =
+        "Failed to accomplish the update! (errno = " + std::to_string(code) + ")";
+    EXPECT_TRUE(Contains(UpdaterMessages(result), "user.err " + failed)) << Describe(result);
+    const std::vector<std::string> log = UpdateLog();
+    ASSERT_FALSE(log.empty());
+    EXPECT_EQ(log.front(), kStartLine);
+    EXPECT_EQ(log.back(), failed);
+    EXPECT_FALSE(Contains(log, kDoneLine));
+    ExpectProgress(std::string(1, letter) + ":-" + std::to_string(code) + ":");
+  }
+
+  // The expected chip after the sample images went to `new_extents` (one
+  // partition index -> base and size each): the images at their bases,
+  // erased bytes after them, every other byte as before (the FIS directory
+  // is compared record by record).
+  void ExpectImagesOnFlash(const flashsim::ChipState& after,
+                           const std::vector<std::pair<std::string, flashsim::FisRecord>>& images) {
+    std::vector<uint8_t> expected = before_.image;
+    for (const auto& [bytes, record] : images) {
+      const uint32_t offset = record.flash_base - before_.layout.chip_base;
+      ASSERT_LE(offset + record.size, expected.size());
+      std::fill(expected.begin() + offset, expected.begin() + offset + record.size, kErased);
+      std::copy(bytes.begin(), bytes.end(), expected.begin() + offset);
+    }
+    const flashsim::PartitionLayout* directory = before_.layout.Find(before_.layout.fis_device);
+    ASSERT_NE(directory, nullptr);
+    const uint32_t fis_offset = directory->base - before_.layout.chip_base;
+    ASSERT_EQ(after.image.size(), expected.size());
+    size_t differing = 0;
+    size_t first = 0;
+    for (size_t i = 0; i < expected.size(); ++i) {
+      if (i >= fis_offset && i < fis_offset + directory->size) continue;
+      if (after.image[i] != expected[i] && differing++ == 0) first = i;
+    }
+    EXPECT_EQ(differing, 0u) << "first differing chip offset 0x" << std::hex << first;
+  }
+
+  // The sample image bytes of package file `file`.
+  std::string ImageBytes(const std::string& file) {
+    for (const sandbox::PackageImage& image : sandbox::SampleImages(layout_, spec_)) {
+      if (image.file == file) return image.bytes;
+    }
+    ADD_FAILURE() << "no sample image " << file;
+    return "";
+  }
+
+  sandbox::Tools tools_;
+  flashsim::ChipLayout layout_;
+  sandbox::PackageSpec spec_;
+  flashsim::ChipState before_;
+  std::unique_ptr<Sandbox> box_;
+};
+
+// ---- successful updates ----
+
+TEST_F(UpdaterRunTest, Nor8UpdateRebalancesPartitionsAndLeavesServicesStopped) {
+  ASSERT_NE(Build(Nor8(/*rebalance=*/true)), nullptr);
+  const RunResult result = RunUpdater();
+  ASSERT_EQ(result.status, 0) << Describe(result);
+  ExpectProgress("R:0:");
+
+  // The kernel took one erase block from the library archive; the root
+  // image moved up by that block.
+  const uint32_t block = layout_.erase_size;
+  std::vector<flashsim::FisRecord> expected = FisRecords(before_);
+  ASSERT_EQ(expected.size(), 8u);
+  const std::string kernel = ImageBytes("zImage");
+  const std::string root_image = ImageBytes("rd.bin");
+  const std::string library = ImageBytes("AllLib.tgz");
+  ASSERT_GT(kernel.size(), expected[1].size);
+  expected[1].size += block;
+  expected[1].data_length = kernel.size();
+  expected[2].flash_base += block;
+  expected[2].data_length = root_image.size();
+  expected[3].flash_base += block;
+  expected[3].size -= block;
+  expected[3].data_length = library.size();
+
+  const flashsim::ChipState after = After();
+  const std::vector<flashsim::FisRecord> records = FisRecords(after);
+  ASSERT_EQ(records.size(), expected.size()) << DescribeRecords(records);
+  for (size_t i = 0; i < records.size(); ++i) {
+    EXPECT_TRUE(SameRecord(records[i], expected[i])) << "record " << i << "\nafter:\n"
+                                                     << DescribeRecords(records) << "expected:\n"
+                                                     << DescribeRecords(expected);
+  }
+  ExpectImagesOnFlash(after,
+                      {{kernel, expected[1]}, {root_image, expected[2]}, {library, expected[3]}});
+  ExpectFlashCheckPasses();
+
+  std::string archive;
+  ASSERT_TRUE(box_->ReadRootFile(sandbox::kNextBootArchive, &archive));
+  EXPECT_EQ(archive, sandbox::SampleImageBytes("hda1.tgz", 4096));
+  EXPECT_FALSE(RootFileExists(kPackageArchive));
+  EXPECT_FALSE(RootFileExists(kBackupDir));
+
+  ExpectServicesOnlyStopped(result);
+  EXPECT_EQ(UpdateLog(), (std::vector<std::string>{kStartLine, kUpgradeLine, kDoneLine}));
+  const std::vector<std::string> messages = UpdaterMessages(result);
+  for (const char* wanted : {"user.err main(N): Start of the updater...",
+                             "user.info This is not junior, gszDevMtdPartition=[/dev/mtd7]",
+                             "user.err number of partitions = [8]",
+                             "user.err [zImage]  0xFF800000  0x00180000  0x0012F3A4",
+                             "user.err main(N): Turn on the reinstall library flag...!!",
+                             "user.err Congratulation!! The update has been completed!!",
+                             "user.err szCmd=[/bin/rm -rf /volume1/upd@te/b@ckup]"}) {
+    EXPECT_TRUE(Contains(messages, wanted)) << wanted << "\n" << Joined(messages);
+  }
+  for (const std::string& message : messages) {
+    EXPECT_EQ(message.find("Failed to accomplish"), std::string::npos) << message;
+    EXPECT_EQ(message.find("mtd driver buffer"), std::string::npos) << message;
+  }
+}
+
+TEST_F(UpdaterRunTest, Junior6UpdateRewritesImagesInPlaceOnSixPartitions) {
+  ASSERT_NE(Build(BoardScenario("junior6", sandbox::PackageSpec())), nullptr);
+  const RunResult result = RunUpdater();
+  ASSERT_EQ(result.status, 0) << Describe(result);
+  ExpectProgress("R:0:");
+
+  std::vector<flashsim::FisRecord> expected = FisRecords(before_);
+  ASSERT_EQ(expected.size(), 6u);
+  const std::string kernel = ImageBytes("zImage");
+  const std::string root_image = ImageBytes("rd.bin");
+  expected[1].data_length = kernel.size();
+  expected[2].data_length = root_image.size();
+  const flashsim::ChipState after = After();
+  const std::vector<flashsim::FisRecord> records = FisRecords(after);
+  ASSERT_EQ(records.size(), expected.size()) << DescribeRecords(records);
+  for (size_t i = 0; i < records.size(); ++i) {
+    EXPECT_TRUE(SameRecord(records[i], expected[i])) << "record " << i << "\nafter:\n"
+                                                     << DescribeRecords(records) << "expected:\n"
+                                                     << DescribeRecords(expected);
+  }
+  ExpectImagesOnFlash(after, {{kernel, expected[1]}, {root_image, expected[2]}});
+  ExpectFlashCheckPasses();
+
+  EXPECT_TRUE(RootFileExists(sandbox::kNextBootArchive));
+  EXPECT_FALSE(RootFileExists(kPackageArchive));
+  EXPECT_FALSE(RootFileExists(kBackupDir));
+  ExpectServicesOnlyStopped(result);
+  EXPECT_EQ(UpdateLog(), (std::vector<std::string>{kStartLine, kUpgradeLine, kDoneLine}));
+  const std::vector<std::string> messages = UpdaterMessages(result);
+  EXPECT_TRUE(Contains(messages, "user.info This is junior, gszDevMtdPartition=[/dev/mtd5]"))
+      << Joined(messages);
+  EXPECT_TRUE(Contains(messages, "user.err number of partitions = [6]")) << Joined(messages);
+}
+
+// ---- refusals of the package analysis ----
+
+struct Refusal {
+  const char* name;
+  int code;
+  std::function<void(Scenario*)> change;
+  const char* reason;  // the analysis's own syslog line, or null
+};
+
+void ReplacePackageVersion(Scenario* scenario, const std::string& text) {
+  PutFile(&scenario->files, {std::string(sandbox::kPackageDir) + "/VERSION", text, "", 0644});
+}
+
+std::vector<Refusal> Refusals() {
+  const std::string dir = sandbox::kPackageDir;
+  return {
+      {"PartialPackageWithDependency", 6,
+       [dir](Scenario* s) {
+         s->files.push_back({dir + "/UPDATELIST", "zImage\n", "", 0644});
+         s->files.push_back({dir + "/DEPENDENCY", "2.0.3.500\n", "", 0644});
+       },
+       nullptr},
+      {"SystemVersionWithoutBuildNumber", 6,
+       [](Scenario* s) {
+         s->files.push_back({"/etc.defaults/VERSION",
+                             "majorversion=\"2\"\nminorversion=\"0\"\nbuildphase=\"3\"\n", "",
+                             0644});
+       },
+       "user.err ErrUPDTIAnalyze_WholeSystem(N): fail to read buildnumber"},
+      {"PackageWithoutVersion", 7, [dir](Scenario* s) { DropFile(&s->files, dir + "/VERSION"); },
+       "user.err ErrUPDTIAnalyze_WholeSystem(N): the file [/volume1/upd@te/VERSION]"},
+      {"PackageBuildNumberZero", 7,
+       [](Scenario* s) { ReplacePackageVersion(s, VersionFile("2", "0", "0", kNorUnique)); },
+       "user.err ErrUPDTIAnalyze_WholeSystem(N): buildnumber or major version == 0"},
+      {"SystemWithoutUnique", 8,
+       [](Scenario* s) {
+         s->files.push_back(
+             {"/etc.defaults/veltinfo.conf", "supportMTU=\"no\"\ndefaultfs=\"ext3\"\n", "", 0644});
+       },
+       nullptr},
+      {"PackageWithoutUnique", 9,
+       [](Scenario* s) { ReplacePackageVersion(s, VersionFile("2", "0", "501", "")); }, nullptr},
+      {"SameBuild", 10,
+       [](Scenario* s) { ReplacePackageVersion(s, VersionFile("2", "0", "500", kNorUnique)); },
+       "user.err ErrUPDTIAnalyze_WholeSystem(N): orgBuildNumber = 500, newBuildNumber=500"},
+      {"OtherMinorVersion", 10,
+       [](Scenario* s) { ReplacePackageVersion(s, VersionFile("2", "1", "501", kNorUnique)); },
+       "user.err ErrUPDTIAnalyze_WholeSystem(N): orgMinor=0, newMinor=1"},
+      {"OtherModel", 12,
+       [](Scenario* s) {
+         ReplacePackageVersion(s, VersionFile("2", "0", "501", "orvan_powerpc_1hd"));
+       },
+       "user.err ErrUPDTIAnalyze_WholeSystem(N): szOrgCompany = [veltara_powerpc_1hd], "
+       "szNewCompany=[orvan_powerpc_1hd]"},
+      {"PartialPackageWithoutDependency", 13,
+       [dir](Scenario* s) {
+         s->files.push_back({dir + "/UPDATELIST", "zImage\n", "", 0644});
+       },
+       "user.err ErrUPDTIAnalyze(N)"},
+      {"OtherMajorVersion", 13,
+       [](Scenario* s) { ReplacePackageVersion(s, VersionFile("3", "0", "501", kNorUnique)); },
+       "user.err ErrUPDTIAnalyze_WholeSystem(N): orgMajorVersion=2, newMajorVersion=3"},
+  };
+}
+
+TEST_F(UpdaterRunTest, RefusedPackagesEndBeforeServicesAndFlashAreTouched) {
+  for (const Refusal& refusal : Refusals()) {
+    SCOPED_TRACE(refusal.name);
+    Scenario scenario = Nor8();
+    refusal.change(&scenario);
+    ASSERT_NE(Build(scenario), nullptr);
+    const RunResult result = RunUpdater();
+    ExpectFailure(result, refusal.code, 'A');
+    const std::vector<std::string> messages = UpdaterMessages(result);
+    EXPECT_TRUE(Contains(
+        messages, "user.err main(N): fail to analyze, error = " + std::to_string(refusal.code)))
+        << Joined(messages);
+    if (refusal.reason != nullptr) {
+      EXPECT_TRUE(Contains(messages, refusal.reason)) << Joined(messages);
+    }
+    EXPECT_FALSE(Contains(UpdateLog(), kUpgradeLine));
+    EXPECT_TRUE(result.stub_calls.empty()) << Joined(result.stub_calls);
+    ExpectFlashUntouched();
+    ExpectArchiveNotMoved();
+    EXPECT_FALSE(RootFileExists(kBackupDir));
+    std::string error;
+    EXPECT_TRUE(box_->Destroy(HasFailure(), &error)) << error;
+    box_.reset();
+  }
+}
+
+// A system of a model whose file-system migration needs room on /writeable,
+// at a build old enough for that migration.
+Scenario WriteableModel(Scenario scenario) {
+  const char* model = "orvan_powerpc_1hd";
+  sandbox::SetKeyValue(&scenario.default_settings, "unique", model);
+  sandbox::SetKeyValue(&scenario.version, "buildnumber", "250");
+  ReplacePackageVersion(&scenario, VersionFile("2", "0", "501", model));
+  scenario.files.push_back({"/writeable/keep", "x", "", 0644});
+  return scenario;
+}
+
+TEST_F(UpdaterRunTest, FullWriteableVolumeIsRefusedWith16) {
+  ASSERT_NE(Build(WriteableModel(Nor8())), nullptr);
+  // A 1 MiB file system on /writeable, mounted in the run's own namespace.
+  const RunResult result =
+      Run({"/bin/sh", "-c",
+           std::string("mount -t tmpfs -o size=1m tmpfs /writeable && exec ") + kUpdater});
+  ExpectFailure(result, 16, 'A');
+  EXPECT_TRUE(Contains(UpdaterMessages(result), "user.err main(N): fail to analyze, error = 16"))
+      << Describe(result);
+  EXPECT_TRUE(result.stub_calls.empty()) << Joined(result.stub_calls);
+  ExpectFlashUntouched();
+  ExpectArchiveNotMoved();
+}
+
+TEST_F(UpdaterRunTest, UnwritableDefaultFileSystemSettingIsRefusedWith22) {
+  Scenario scenario = WriteableModel(Nor8());
+  // Settings without "defaultfs", and a directory where the rewrite's
+  // temporary file would go.
+  scenario.files.push_back(
+      {"/etc/veltinfo.conf", "runsamba=\"yes\"\nMTUValue=\"1500\"\n", "", 0644});
+  scenario.files.push_back({"/etc/veltinfo.conf.tmp/keep", "x", "", 0644});
+  ASSERT_NE(Build(scenario), nullptr);
+  const RunResult result = RunUpdater();
+  ExpectFailure(result, 22, 'A');
+  const std::vector<std::string> messages = UpdaterMessages(result);
+  EXPECT_TRUE(Contains(messages, "user.err main(N): fail to analyze, error = 22"))
+      << Joined(messages);
+  EXPECT_TRUE(result.stub_calls.empty()) << Joined(result.stub_calls);
+  ExpectFlashUntouched();
+  std::string settings;
+  ASSERT_TRUE(box_->ReadRootFile("/etc/veltinfo.conf", &settings));
+  EXPECT_EQ(settings, "runsamba=\"yes\"\nMTUValue=\"1500\"\n");
+}
+
+// ---- options ----
+
+TEST_F(UpdaterRunTest, HelpPrintsUsageAfterTheStartRecords) {
+  ASSERT_NE(Build(Nor8()), nullptr);
+  const RunResult result = RunUpdater({"-h"});
+  EXPECT_EQ(result.status, 0) << Describe(result);
+  const std::vector<std::string> out = Lines(result.out);
+  ASSERT_EQ(out.size(), 4u) << result.out;
+  EXPECT_NE(out[0].find("2007"), std::string::npos) << out[0];
+  EXPECT_EQ(out[1], "updater [-h][-g][-v vol]");
+  EXPECT_EQ(out[2], " -g: for group update");
+  EXPECT_EQ(out[3], " -v: specify an avaible volume for upgrade task.");
+  EXPECT_EQ(result.err, "");
+  ExpectProgress("A:0:");
+  EXPECT_EQ(UpdateLog(), std::vector<std::string>{kStartLine});
+  EXPECT_TRUE(Contains(UpdaterMessages(result), "user.err main(N): Start of the updater..."));
+  EXPECT_TRUE(result.stub_calls.empty()) << Joined(result.stub_calls);
+  ExpectFlashUntouched();
+  ExpectArchiveNotMoved();
+}
+
+TEST_F(UpdaterRunTest, BadOptionsEndWith255AndTheirSyslogLine) {
+  ASSERT_NE(Build(Nor8()), nullptr);
+  const struct {
+    std::vector<std::string> args;
+    const char* line;
+  } kCases[] = {
+      {{"-x"}, "user.err updater: invalid option [?]"},
+      {{"-v"}, "user.err updater: invalid option for -v [mount_point]"},
+      {{"-v", "/volume1;touch /tmp/owned"},
+       "user.err updater: invalid character [;] in volume [/volume1;touch /tmp/owned]"},
+      {{"-v", "/volume 2"}, "user.err updater: invalid character [ ] in volume [/volume 2]"},
+  };
+  for (const auto& bad : kCases) {
+    SCOPED_TRACE(bad.line);
+    const RunResult result = RunUpdater(bad.args);
+    EXPECT_EQ(result.status, 255) << Describe(result);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "");
+    const std::vector<std::string> messages = UpdaterMessages(result);
+    EXPECT_TRUE(Contains(messages, bad.line)) << Joined(messages);
+    ExpectProgress("A:0:");
+    EXPECT_TRUE(result.stub_calls.empty()) << Joined(result.stub_calls);
+    EXPECT_EQ(UpdateLog().back(), kStartLine);
+  }
+  EXPECT_FALSE(RootFileExists("/tmp/owned"));
+  ExpectFlashUntouched();
+  ExpectArchiveNotMoved();
+}
+
+TEST_F(UpdaterRunTest, OtherVolumeReceivesTheHardDiskArchive) {
+  Scenario scenario = Nor8();
+  scenario.files.push_back({"/volume2/keep", "x", "", 0644});
+  ASSERT_NE(Build(scenario), nullptr);
+  const RunResult result = RunUpdater({"-v", "/volume2"});
+  ASSERT_EQ(result.status, 0) << Describe(result);
+  ExpectProgress("R:0:");
+  std::string archive;
+  ASSERT_TRUE(box_->ReadRootFile("/volume2/VeltUpgrade.tar.gz", &archive));
+  EXPECT_EQ(archive, sandbox::SampleImageBytes("hda1.tgz", 4096));
+  EXPECT_FALSE(RootFileExists(sandbox::kNextBootArchive));
+  EXPECT_FALSE(RootFileExists(kPackageArchive));
+  EXPECT_FALSE(RootFileExists(kBackupDir));
+  ExpectServicesOnlyStopped(result);
+}
+
+TEST_F(UpdaterRunTest, ProgramStartedByBareNameWorksInTheVolumesPackageDirectory) {
+  Scenario scenario = Nor8();
+  // The program lives outside the package directory, so only the rule for
+  // bare names can lead it there.
+  DropFile(&scenario.files, kUpdater);
+  scenario.files.push_back({"/usr/local/sbin/updater", "", UPDATER_SIM, 0755});
+  ASSERT_NE(Build(scenario), nullptr);
+  const RunResult result = Run({"/bin/sh", "-c", "cd /tmp && exec updater"},
+                               {"PATH=/usr/local/sbin:/bin:/sbin:/usr/bin:/usr/sbin"});
+  ASSERT_EQ(result.status, 0) << Describe(result);
+  ExpectProgress("R:0:");
+  EXPECT_TRUE(RootFileExists(sandbox::kNextBootArchive));
+  EXPECT_FALSE(RootFileExists(kPackageArchive));
+  EXPECT_EQ(UpdateLog(), (std::vector<std::string>{kStartLine, kUpgradeLine, kDoneLine}));
+}
+
+TEST_F(UpdaterRunTest, ProgramStartedByBareNameWithoutPackageOnTheVolumeFails) {
+  Scenario scenario = Nor8();
+  DropFile(&scenario.files, kUpdater);
+  scenario.files.push_back({"/usr/local/sbin/updater", "", UPDATER_SIM, 0755});
+  scenario.files.push_back({"/volume2/keep", "x", "", 0644});
+  ASSERT_NE(Build(scenario), nullptr);
+  // /volume2 has no "upd@te" directory: the change of directory fails.
+  const RunResult result = Run({"/bin/sh", "-c", "cd /tmp && exec updater -v /volume2"},
+                               {"PATH=/usr/local/sbin:/bin:/sbin:/usr/bin:/usr/sbin"});
+  ExpectFailure(result, 3, 'A');
+  EXPECT_TRUE(Contains(UpdaterMessages(result), "user.err main(N): fail to chdir, errno = 2"))
+      << Describe(result);
+  EXPECT_TRUE(result.stub_calls.empty()) << Joined(result.stub_calls);
+  ExpectFlashUntouched();
+  ExpectArchiveNotMoved();
+}
+
+// ---- flash failures ----
+
+// The kernel image grows into an erase block that was erased before the run;
+// the worn block there keeps bit 0 of every byte set, so every verify of the
+// new kernel fails, while the roll-back's erased bytes survive it.
+constexpr char kWornKernelBlock[] = "fault worn-block mtd1 0x130000";
+
+TEST_F(UpdaterRunTest, FailedVerifyRollsTheWholeChipBackAndRestartsServices) {
+  Scenario scenario = Nor8(/*rebalance=*/true);
+  scenario.faults = {kWornKernelBlock};
+  ASSERT_NE(Build(scenario), nullptr);
+  const RunResult result = RunUpdater();
+  ExpectFailure(result, 20, 'P');
+  const std::vector<std::string> messages = UpdaterMessages(result);
+  EXPECT_TRUE(Contains(messages, "user.err main(N): fail to patch new binaries!!"))
+      << Joined(messages);
+  size_t verify_failures = 0;
+  for (const std::string& message : messages) {
+    if (message.find("compare file [/volume1/upd@te/zImage] vs [/dev/mtd1]") != std::string::npos)
+      ++verify_failures;
+  }
+  EXPECT_EQ(verify_failures, 3u) << Joined(messages);
+  EXPECT_FALSE(Contains(messages, "user.err main: UPDTRollBack() fail")) << Joined(messages);
+  ExpectFlashUntouched();
+  EXPECT_EQ(FisRecords(After()).size(), 8u);
+  ExpectFlashCheckPasses();
+  ExpectServicesStoppedThenStarted(result);
+  ExpectArchiveNotMoved();
+  EXPECT_FALSE(RootFileExists(kBackupDir));
+  EXPECT_TRUE(Contains(UpdateLog(), kUpgradeLine));
+}
+
+TEST_F(UpdaterRunTest, FailedVerifyInGroupUpdateLeavesFlashAsItIs) {
+  Scenario scenario = Nor8(/*rebalance=*/true);
+  scenario.faults = {kWornKernelBlock};
+  ASSERT_NE(Build(scenario), nullptr);
+  const RunResult result = RunUpdater({"-g"});
+  ExpectFailure(result, 20, 'P');
+  const std::vector<std::string> messages = UpdaterMessages(result);
+  EXPECT_TRUE(Contains(messages, "user.err main(N): fail to patch new binaries!!"))
+      << Joined(messages);
+  for (const std::string& message : messages) {
+    EXPECT_EQ(message.find("UPDTBackupOldPartition"), std::string::npos) << message;
+    EXPECT_EQ(message.find("UPDTRollBack"), std::string::npos) << message;
+    EXPECT_EQ(message.find("fail to analyze"), std::string::npos) << message;
+  }
+  // No analysis: no version line in the update log.
+  EXPECT_EQ(UpdateLog(), (std::vector<std::string>{
+                             kStartLine, "Failed to accomplish the update! (errno = 20)"}));
+  EXPECT_TRUE(result.stub_calls.empty()) << Joined(result.stub_calls);
+  // The kernel partition holds the failed write: not the old bytes.
+  const flashsim::ChipState after = After();
+  const uint32_t kernel_offset = FisRecords(before_)[1].flash_base - before_.layout.chip_base;
+  const std::string kernel = ImageBytes("zImage");
+  EXPECT_NE(0, memcmp(after.image.data() + kernel_offset, before_.image.data() + kernel_offset,
+                      kernel.size()));
+  EXPECT_FALSE(RootFileExists(kBackupDir));
+  ExpectArchiveNotMoved();
+}
+
+TEST_F(UpdaterRunTest, FailedConfigurationMigrationRollsBackWith17) {
+  Scenario scenario = Nor8(/*rebalance=*/true);
+  // A directory where the migration removes a file: the removal fails.
+  scenario.files.push_back({"/usr/velt/etc/manutil.conf/keep", "x", "", 0644});
+  ASSERT_NE(Build(scenario), nullptr);
+  const RunResult result = RunUpdater();
+  ExpectFailure(result, 17, 'C');
+  const std::vector<std::string> messages = UpdaterMessages(result);
+  EXPECT_TRUE(Contains(messages,
+                       "user.err updater:N(UPDTUpdateConfig) Failed to update "
+                       "[/usr/velt/etc/manutil.conf], errno=(21)[Is a directory]"))
+      << Joined(messages);
+  EXPECT_TRUE(Contains(messages, "user.err main(N): Turn on the reinstall library flag...!!"))
+      << Joined(messages);
+  ExpectFlashUntouched();
+  ExpectFlashCheckPasses();
+  ExpectServicesStoppedThenStarted(result);
+  ExpectArchiveNotMoved();
+  EXPECT_FALSE(RootFileExists(kBackupDir));
+  EXPECT_TRUE(RootFileExists("/usr/velt/etc/manutil.conf/keep"));
+}
+
+// ---- kernel driver buffer and the reboot rule ----
+
+TEST_F(UpdaterRunTest, KernelWithoutDriverBufferCallStillUpdates) {
+  Scenario scenario = Nor8();
+  scenario.faults = {"set driver-buffer errno ENOSYS"};
+  ASSERT_NE(Build(scenario), nullptr);
+  const RunResult result = RunUpdater();
+  ASSERT_EQ(result.status, 0) << Describe(result);
+  ExpectProgress("R:0:");
+  const std::vector<std::string> messages = UpdaterMessages(result);
+  EXPECT_TRUE(Contains(messages, "user.err main(N): fail to malloc mtd driver buffer, error = 38"))
+      << Joined(messages);
+  EXPECT_TRUE(Contains(messages, "user.err main(N): fail to free mtd driver buffer, error = 38"))
+      << Joined(messages);
+  EXPECT_EQ(UpdateLog(), (std::vector<std::string>{kStartLine, kUpgradeLine, kDoneLine}));
+  EXPECT_TRUE(RootFileExists(sandbox::kNextBootArchive));
+  ExpectServicesOnlyStopped(result);
+  ExpectFlashCheckPasses();
+}
+
+TEST_F(UpdaterRunTest, RefusedDriverBufferEndsWith23BeforeTheFlash) {
+  Scenario scenario = Nor8();
+  scenario.faults = {"set driver-buffer errno ENOMEM"};
+  ASSERT_NE(Build(scenario), nullptr);
+  const RunResult result = RunUpdater();
+  ExpectFailure(result, 23, 'A');
+  EXPECT_TRUE(Contains(UpdaterMessages(result),
+                       "user.err main(N): fail to malloc mtd driver buffer, error = 12"))
+      << Describe(result);
+  ExpectFlashUntouched();
+  ExpectServicesStoppedThenStarted(result);
+  ExpectArchiveNotMoved();
+}
+
+double HostUptime() {
+  std::string text;
+  if (!ReadHostFile("/proc/uptime", &text)) return -1;
+  return strtod(text.c_str(), nullptr);
+}
+
+// An old system (build 350) whose flash driver cannot lend its buffer, booted
+// from an initial RAM disk.
+Scenario OldSystemWithInitrd(Scenario scenario) {
+  sandbox::SetKeyValue(&scenario.version, "buildnumber", "350");
+  scenario.files.push_back({"/initrd/keep", "x", "", 0644});
+  return scenario;
+}
+
+TEST_F(UpdaterRunTest, OldSystemUpLongerThanFiveMinutesMustRebootFirst) {
+  if (HostUptime() <= 300) GTEST_SKIP() << "the host has been up for 300 s or less";
+  ASSERT_NE(Build(OldSystemWithInitrd(Nor8())), nullptr);
+  const RunResult result = RunUpdater();
+  ExpectFailure(result, 24, 'A');
+  std::string message;
+  ASSERT_TRUE(box_->ReadRootFile("/tmp/update.message", &message));
+  EXPECT_EQ(message, kRebootMessage);
+  for (const std::string& line : UpdaterMessages(result)) {
+    EXPECT_EQ(line.find("mtd driver buffer"), std::string::npos) << line;
+  }
+  ExpectFlashUntouched();
+  ExpectServicesStoppedThenStarted(result);
+  ExpectArchiveNotMoved();
+}
+
+TEST_F(UpdaterRunTest, JuniorNeverAppliesTheRebootRule) {
+  if (HostUptime() <= 300) GTEST_SKIP() << "the host has been up for 300 s or less";
+  ASSERT_NE(Build(OldSystemWithInitrd(BoardScenario("junior6", sandbox::PackageSpec()))), nullptr);
+  const RunResult result = RunUpdater();
+  ASSERT_EQ(result.status, 0) << Describe(result);
+  ExpectProgress("R:0:");
+  EXPECT_FALSE(RootFileExists("/tmp/update.message"));
+  EXPECT_EQ(UpdateLog(),
+            (std::vector<std::string>{
+                kStartLine, "Upgrade from version 2.0.3.350 to version 2.0.3.501", kDoneLine}));
+  // The photo database step of an old system starts the database first.
+  EXPECT_TRUE(Contains(result.stub_calls, "/usr/velt/etc/rc.d/S20pgsql.sh start"))
+      << Joined(result.stub_calls);
+  ExpectFlashCheckPasses();
+}
+
+TEST_F(UpdaterRunTest, RecentlyBootedOldSystemIsUpdated) {
+  const double uptime = HostUptime();
+  ASSERT_GT(uptime, 0);
+  Scenario scenario = OldSystemWithInitrd(Nor8());
+  scenario.files.push_back({"/usr/local/sbin/unshare", "", "/usr/bin/unshare", 0755});
+  ASSERT_NE(Build(scenario), nullptr);
+  // A time namespace whose boot time lies 60 s back: the system looks
+  // freshly booted to the run.
+  const long offset = static_cast<long>(uptime) - 60;
+  const RunResult result =
+      Run({"/usr/local/sbin/unshare", "--time", "--boottime", std::to_string(-offset), kUpdater});
+  ASSERT_EQ(result.status, 0) << Describe(result);
+  ExpectProgress("R:0:");
+  EXPECT_FALSE(RootFileExists("/tmp/update.message"));
+  EXPECT_EQ(UpdateLog(),
+            (std::vector<std::string>{
+                kStartLine, "Upgrade from version 2.0.3.350 to version 2.0.3.501", kDoneLine}));
+  for (const std::string& line : UpdaterMessages(result)) {
+    EXPECT_EQ(line.find("mtd driver buffer"), std::string::npos) << line;
+  }
+  ExpectFlashCheckPasses();
+}
+
+// ---- migration steps before the flash ----
+
+TEST_F(UpdaterRunTest, FailedFtpPortRangeStepEndsWith21BeforeTheFlash) {
+  Scenario scenario = Nor8();
+  // An old build whose FTP passive range is too wide; the settings cannot be
+  // rewritten because a directory holds the temporary file's name.
+  sandbox::SetKeyValue(&scenario.version, "buildnumber", "400");
+  sandbox::SetKeyValue(&scenario.settings, "ftplowport", "1000");
+  sandbox::SetKeyValue(&scenario.settings, "ftphighport", "60000");
+  scenario.files.push_back({"/etc/veltinfo.conf.tmp/keep", "x", "", 0644});
+  ASSERT_NE(Build(scenario), nullptr);
+  const RunResult result = RunUpdater();
+  ExpectFailure(result, 21, 'A');
+  EXPECT_TRUE(Contains(UpdateLog(), "Upgrade from version 2.0.3.400 to version 2.0.3.501"));
+  ExpectFlashUntouched();
+  ExpectServicesStoppedThenStarted(result);
+  ExpectArchiveNotMoved();
+  EXPECT_FALSE(RootFileExists(kBackupDir));
+  std::string settings;
+  ASSERT_TRUE(box_->ReadRootFile("/etc/veltinfo.conf", &settings));
+  EXPECT_NE(settings.find("ftphighport=\"60000\""), std::string::npos) << settings;
+}
+
+}  // namespace
