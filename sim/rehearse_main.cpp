@@ -119,12 +119,12 @@ bool BuildScenario(const Options& options, sandbox::Scenario* scenario, std::str
   scenario->faults = options.faults;
   flashsim::ChipLayout layout;
   if (!sandbox::LoadLayoutFile(scenario->layout_file, &layout, error)) return false;
-  sandbox::PackageSpec spec;
-  spec.build = options.build;
-  spec.rebalance = options.rebalance;
+  sandbox::PackageOptions package;
+  package.build = options.build;
+  package.rebalance = options.rebalance;
   const std::string unique =
       options.board == "junior6" ? "veltara_powerpc_junior" : "veltara_powerpc_1hd";
-  scenario->files = sandbox::SamplePackageFiles(layout, spec, unique);
+  scenario->files = sandbox::SamplePackageFiles(layout, package, unique);
   scenario->files.push_back(
       {std::string(sandbox::kPackageDir) + "/updater", "", options.updater, 0755});
   scenario->files.push_back({"/etc/crontab", kSampleCrontab, "", 0644});

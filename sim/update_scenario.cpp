@@ -19,10 +19,10 @@ const flashsim::PartitionLayout* FindByName(const flashsim::ChipLayout& layout,
   return nullptr;
 }
 
-std::string VersionFile(const PackageSpec& spec, const std::string& unique) {
-  return "majorversion=\"" + spec.major + "\"\nminorversion=\"" + spec.minor + "\"\nbuildphase=\"" +
-         spec.phase + "\"\nbuildnumber=\"" + spec.build + "\"\nunique=\"" +
-         (spec.unique.empty() ? unique : spec.unique) + "\"\n";
+std::string VersionFile(const PackageOptions& package, const std::string& unique) {
+  return "majorversion=\"" + package.major + "\"\nminorversion=\"" + package.minor +
+         "\"\nbuildphase=\"" + package.phase + "\"\nbuildnumber=\"" + package.build +
+         "\"\nunique=\"" + (package.unique.empty() ? unique : package.unique) + "\"\n";
 }
 
 }  // namespace
@@ -55,7 +55,7 @@ std::string SampleImageBytes(const std::string& label, uint32_t size) {
 }
 
 std::vector<PackageImage> SampleImages(const flashsim::ChipLayout& layout,
-                                       const PackageSpec& spec) {
+                                       const PackageOptions& package) {
   // Package file -> partition, in the order the plan writes them.
   const std::pair<const char*, const char*> kImages[] = {
       {"zImage", "zImage"}, {"rd.bin", "rd.gz"}, {"AllLib.tgz", "AllLib.tgz"}};
@@ -67,7 +67,7 @@ std::vector<PackageImage> SampleImages(const flashsim::ChipLayout& layout,
     // is partly used; the kernel one block beyond its partition when the
     // plan is to rebalance.
     uint32_t size = partition->size / 4 * 3 - 0x123;
-    if (spec.rebalance && std::string(file) == "zImage")
+    if (package.rebalance && std::string(file) == "zImage")
       size = partition->size + layout.erase_size / 2;
     images.push_back({file, SampleImageBytes(file, size)});
   }
@@ -75,14 +75,14 @@ std::vector<PackageImage> SampleImages(const flashsim::ChipLayout& layout,
 }
 
 std::vector<RootFile> SamplePackageFiles(const flashsim::ChipLayout& layout,
-                                         const PackageSpec& spec, const std::string& unique) {
+                                         const PackageOptions& package, const std::string& unique) {
   std::vector<RootFile> files;
   const std::string dir = kPackageDir;
-  for (const PackageImage& image : SampleImages(layout, spec)) {
+  for (const PackageImage& image : SampleImages(layout, package)) {
     files.push_back({dir + "/" + image.file, image.bytes, "", 0644});
   }
-  files.push_back({dir + "/VERSION", VersionFile(spec, unique), "", 0644});
-  if (spec.hard_disk_archive) {
+  files.push_back({dir + "/VERSION", VersionFile(package, unique), "", 0644});
+  if (package.hard_disk_archive) {
     files.push_back({dir + "/hda1.tgz", SampleImageBytes("hda1.tgz", 4096), "", 0644});
   }
   return files;

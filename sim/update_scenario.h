@@ -32,7 +32,7 @@ struct PackageImage {
   std::string bytes;
 };
 
-struct PackageSpec {
+struct PackageOptions {
   // The package's VERSION; unique empty: the scenario board's own.
   std::string major = "2";
   std::string minor = "0";
@@ -53,12 +53,13 @@ std::string SampleImageBytes(const std::string& label, uint32_t size);
 // root image ("rd.bin") and, on the 8-partition board, the library archive
 // ("AllLib.tgz"), each sized to fit its partition (or, with `rebalance`, the
 // kernel one block too big).
-std::vector<PackageImage> SampleImages(const flashsim::ChipLayout& layout, const PackageSpec& spec);
+std::vector<PackageImage> SampleImages(const flashsim::ChipLayout& layout,
+                                       const PackageOptions& package);
 
 // The files of a sample package in kPackageDir: the images, "VERSION" and,
 // when asked, "hda1.tgz". `unique` is the board's unique string.
 std::vector<RootFile> SamplePackageFiles(const flashsim::ChipLayout& layout,
-                                         const PackageSpec& spec, const std::string& unique);
+                                         const PackageOptions& package, const std::string& unique);
 
 // The layout file of a scenario, parsed; false with a message.
 bool LoadLayoutFile(const std::string& path, flashsim::ChipLayout* layout, std::string* error);

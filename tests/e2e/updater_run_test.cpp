@@ -222,23 +222,23 @@ class UpdaterRunTest : public ::testing::Test {
   }
 
   // A scenario for `board` ("nor8" or "junior6") with the sample package of
-  // `spec` and the updater in the package directory.
-  Scenario BoardScenario(const std::string& board, const sandbox::PackageSpec& spec) {
+  // `package` and the updater in the package directory.
+  Scenario BoardScenario(const std::string& board, const sandbox::PackageOptions& package) {
     Scenario scenario;
     std::string error;
     EXPECT_TRUE(sandbox::ApplyBoard(board, SANDBOX_LAYOUT_DIR, &scenario, &error)) << error;
     EXPECT_TRUE(sandbox::LoadLayoutFile(scenario.layout_file, &layout_, &error)) << error;
-    spec_ = spec;
-    scenario.files =
-        sandbox::SamplePackageFiles(layout_, spec, board == "junior6" ? kJuniorUnique : kNorUnique);
+    spec_ = package;
+    scenario.files = sandbox::SamplePackageFiles(layout_, package,
+                                                 board == "junior6" ? kJuniorUnique : kNorUnique);
     scenario.files.push_back({kUpdater, "", UPDATER_SIM, 0755});
     return scenario;
   }
 
   Scenario Nor8(bool rebalance = false) {
-    sandbox::PackageSpec spec;
-    spec.rebalance = rebalance;
-    return BoardScenario("nor8", spec);
+    sandbox::PackageOptions package;
+    package.rebalance = rebalance;
+    return BoardScenario("nor8", package);
   }
 
   // Builds the sandbox and keeps the chip as it was before any run; null
@@ -431,7 +431,7 @@ class UpdaterRunTest : public ::testing::Test {
 
   sandbox::Tools tools_;
   flashsim::ChipLayout layout_;
-  sandbox::PackageSpec spec_;
+  sandbox::PackageOptions spec_;
   flashsim::ChipState before_;
   std::unique_ptr<Sandbox> box_;
 };
@@ -498,7 +498,7 @@ TEST_F(UpdaterRunTest, Nor8UpdateRebalancesPartitionsAndLeavesServicesStopped) {
 }
 
 TEST_F(UpdaterRunTest, Junior6UpdateRewritesImagesInPlaceOnSixPartitions) {
-  ASSERT_NE(Build(BoardScenario("junior6", sandbox::PackageSpec())), nullptr);
+  ASSERT_NE(Build(BoardScenario("junior6", sandbox::PackageOptions())), nullptr);
   const RunResult result = RunUpdater();
   ASSERT_EQ(result.status, 0) << Describe(result);
   ExpectProgress("R:0:");
@@ -914,7 +914,8 @@ TEST_F(UpdaterRunTest, OldSystemUpLongerThanFiveMinutesMustRebootFirst) {
 
 TEST_F(UpdaterRunTest, JuniorNeverAppliesTheRebootRule) {
   if (HostUptime() <= 300) GTEST_SKIP() << "the host has been up for 300 s or less";
-  ASSERT_NE(Build(OldSystemWithInitrd(BoardScenario("junior6", sandbox::PackageSpec()))), nullptr);
+  ASSERT_NE(Build(OldSystemWithInitrd(BoardScenario("junior6", sandbox::PackageOptions()))),
+            nullptr);
   const RunResult result = RunUpdater();
   ASSERT_EQ(result.status, 0) << Describe(result);
   ExpectProgress("R:0:");
