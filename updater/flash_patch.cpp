@@ -1,7 +1,6 @@
 #include "updater/flash_patch.h"
 
 #include <fcntl.h>
-#include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
@@ -43,28 +42,6 @@ constexpr const char* kSourceFile = BaseName(__FILE__);
 constexpr char kDoPatch[] = "UPDTDoPatch";
 constexpr char kRollBack[] = "UPDTRollBack";
 constexpr char kRecoverFis[] = "RecoverFISDirTable_K77GPlus_V284";
-
-// Formats a shell command into `command`. A command that does not fit is
-// never run cut short: the caller's step fails, and the log names the whole
-// command that would have been run.
-__attribute__((format(printf, 4, 5))) bool FormatCommand(Command command, const char* function,
-                                                         int line, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  va_list again;
-  va_copy(again, args);
-  const int needed = vsnprintf(command, kCommandSize, format, args);
-  va_end(args);
-  if (needed >= 0 && static_cast<size_t>(needed) < kCommandSize) {
-    va_end(again);
-    return true;
-  }
-  std::string whole(needed > 0 ? static_cast<size_t>(needed) + 1 : 1, '\0');
-  vsnprintf(&whole[0], whole.size(), format, again);
-  va_end(again);
-  syslog(LOG_ERR, "%s(%d): command too long [%s]", function, line, whole.c_str());
-  return false;
-}
 
 bool IsDirectoryPartition(const char* part) {
   return strcmp(part, "RedBoot Config") == 0 || strcmp(part, "FIS Directory") == 0;
@@ -173,9 +150,9 @@ bool RestorePartition(int row, const unsigned char* fisRecords, int count) {
     return false;
   }
   Command command;
-  if (!FormatCommand(command, kRollBack, __LINE__,
-                     "/bin/dd if=\"%s/%s/mtd_%s\" of=\"%s\" bs=131072", gszWorkDir, UPDT_BACKUP_DIR,
-                     old.name, device)) {
+  if (!UPDTFormatCommand(command, sizeof(command), kRollBack, __LINE__,
+                         "/bin/dd if=\"%s/%s/mtd_%s\" of=\"%s\" bs=131072", gszWorkDir,
+                         UPDT_BACKUP_DIR, old.name, device)) {
     return false;
   }
   syslog(LOG_INFO, "%s(%d): command=[%s]", kRollBack, __LINE__, command);
@@ -279,8 +256,9 @@ int UPDTBackupOldPartition(const unsigned char* fisRecords, int count) {
     return -1;
   }
   Command command;
-  if (!FormatCommand(command, __func__, __LINE__, "/bin/rm -rf %s/%s; /bin/mkdir -p %s/%s",
-                     gszWorkDir, UPDT_BACKUP_DIR, gszWorkDir, UPDT_BACKUP_DIR)) {
+  if (!UPDTFormatCommand(command, sizeof(command), __func__, __LINE__,
+                         "/bin/rm -rf %s/%s; /bin/mkdir -p %s/%s", gszWorkDir, UPDT_BACKUP_DIR,
+                         gszWorkDir, UPDT_BACKUP_DIR)) {
     return -1;
   }
   syslog(LOG_INFO, "szCmd=[%s]", command);
@@ -293,9 +271,9 @@ int UPDTBackupOldPartition(const unsigned char* fisRecords, int count) {
       syslog(LOG_ERR, "%s(%d): fail to get device path", __func__, __LINE__);
       return -1;
     }
-    if (!FormatCommand(command, __func__, __LINE__,
-                       "/bin/dd if=\"%s\" of=\"%s/%s/mtd_%s\" bs=16384", device, gszWorkDir,
-                       UPDT_BACKUP_DIR, name)) {
+    if (!UPDTFormatCommand(command, sizeof(command), __func__, __LINE__,
+                           "/bin/dd if=\"%s\" of=\"%s/%s/mtd_%s\" bs=16384", device, gszWorkDir,
+                           UPDT_BACKUP_DIR, name)) {
       return -1;
     }
     syslog(LOG_INFO, "%s(%d): command=[%s]", __func__, __LINE__, command);

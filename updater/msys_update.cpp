@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
@@ -62,28 +61,6 @@ enum ResultCode {
 };
 
 using Command = char[kCommandSize];
-
-// Formats a shell command into `command`. A command that does not fit is
-// never run cut short: the caller's step fails, and the log names the whole
-// command that would have been run.
-__attribute__((format(printf, 4, 5))) bool FormatCommand(Command command, const char* function,
-                                                         int line, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  va_list again;
-  va_copy(again, args);
-  const int needed = vsnprintf(command, kCommandSize, format, args);
-  va_end(args);
-  if (needed >= 0 && static_cast<size_t>(needed) < kCommandSize) {
-    va_end(again);
-    return true;
-  }
-  std::string whole(needed > 0 ? static_cast<size_t>(needed) + 1 : 1, '\0');
-  vsnprintf(&whole[0], whole.size(), format, again);
-  va_end(again);
-  syslog(LOG_ERR, "%s(%d): command too long [%s]", function, line, whole.c_str());
-  return false;
-}
 
 uint32_t UnitsFor(uint64_t bytes) {
   return static_cast<uint32_t>((bytes + UPDT_MSYS_UNIT_SIZE - 1) / UPDT_MSYS_UNIT_SIZE);
@@ -184,8 +161,8 @@ bool Repartition(int rows) {
 // roll-back log the command differently.
 bool WritePartition(const std::string& source, int index, const char* function, bool patching) {
   Command command;
-  if (!FormatCommand(command, function, __LINE__, "/bin/dd if=\"%s\" of=\"/dev/mtd%d\" bs=16384",
-                     source.c_str(), index)) {
+  if (!UPDTFormatCommand(command, sizeof(command), function, __LINE__,
+                         "/bin/dd if=\"%s\" of=\"/dev/mtd%d\" bs=16384", source.c_str(), index)) {
     return false;
   }
   if (patching) {
@@ -229,8 +206,9 @@ void LogPartitionInfo(const unsigned char* records, int count) {
 void MoveHardDiskArchive() {
   if (!FileExists(PackagePath(kHardDiskArchive))) return;
   Command command;
-  if (!FormatCommand(command, "UPDTMSysUpdate", __LINE__, "/bin/mv -f %s/%s %s/%s", gszWorkDir,
-                     kHardDiskArchive, gszVolume, kNextBootArchive) ||
+  if (!UPDTFormatCommand(command, sizeof(command), "UPDTMSysUpdate", __LINE__,
+                         "/bin/mv -f %s/%s %s/%s", gszWorkDir, kHardDiskArchive, gszVolume,
+                         kNextBootArchive) ||
       UPDTExecute(command) != 0) {
     syslog(LOG_ERR, "%s(%d): mv %s to %s/%s fail.", "UPDTMSysUpdate", __LINE__, kHardDiskArchive,
            gszVolume, kNextBootArchive);

@@ -1,5 +1,6 @@
 #include "updater/update_status.h"
 
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -10,6 +11,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <string>
 
 #include "lib/slib_file_line.h"
 
@@ -140,4 +142,23 @@ void UPDTSetMessage(const char* key, const char* value) {
   char message[1024];
   snprintf(message, sizeof(message), "%s=\"%s\"", key, value);
   UPDTWriteStatusFile(UPDT_MESSAGE_FILE, message, 1);
+}
+
+int UPDTFormatCommand(char* command, unsigned int size, const char* function, int line,
+                      const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  va_list again;
+  va_copy(again, args);
+  const int needed = vsnprintf(command, size, format, args);
+  va_end(args);
+  if (needed >= 0 && static_cast<unsigned int>(needed) < size) {
+    va_end(again);
+    return 1;
+  }
+  std::string whole(needed > 0 ? static_cast<size_t>(needed) + 1 : 1, '\0');
+  vsnprintf(&whole[0], whole.size(), format, again);
+  va_end(again);
+  syslog(LOG_ERR, "%s(%d): command too long [%s]", function, line, whole.c_str());
+  return 0;
 }

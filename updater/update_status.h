@@ -28,6 +28,13 @@ void UPDTLogTrim(void);
 // at error priority and returns -1. A null command returns -1 silently.
 int UPDTExecute(const char* command);
 
+// Formats a shell command into `command` (`size` bytes). A command that does
+// not fit is never run cut short: returns 0 after logging
+// "<function>(<line>): command too long [<the whole command>]" at error
+// priority, and the caller's step fails. Returns 1 when it fits.
+int UPDTFormatCommand(char* command, unsigned int size, const char* function, int line,
+                      const char* format, ...) __attribute__((format(printf, 5, 6)));
+
 // Writes `text` at the start of `path` (created when missing, never
 // truncated) under an exclusive flock. Without `retry` a refused lock gives
 // up at once; with it, 21 attempts in all, 337 microseconds apart.

@@ -258,10 +258,8 @@ void RollBack(const Run& run) {
 
 void RemoveBackup() {
   char command[256];
-  const int length =
-      snprintf(command, sizeof(command), "/bin/rm -rf %s/%s", gszWorkDir, UPDT_BACKUP_DIR);
-  if (length < 0 || static_cast<size_t>(length) >= sizeof(command)) {
-    syslog(LOG_ERR, "%s(%d): command too long, not run: [%s]", "main", __LINE__, command);
+  if (!UPDTFormatCommand(command, sizeof(command), "main", __LINE__, "/bin/rm -rf %s/%s",
+                         gszWorkDir, UPDT_BACKUP_DIR)) {
     return;
   }
   syslog(LOG_ERR, "szCmd=[%s]", command);
@@ -286,11 +284,9 @@ void MoveHardDiskArchive() {
   struct stat st;
   if (stat(kHardDiskArchive, &st) != 0) return;
   char command[256];
-  const int length = snprintf(command, sizeof(command), "/bin/mv -f %s/%s %s/%s", gszWorkDir,
-                              kHardDiskArchive, gszVolume, kNextBootArchive);
-  const bool fits = length >= 0 && static_cast<size_t>(length) < sizeof(command);
-  if (!fits) syslog(LOG_ERR, "%s(%d): command too long, not run: [%s]", "main", __LINE__, command);
-  if (!fits || UPDTExecute(command) != 0) {
+  if (!UPDTFormatCommand(command, sizeof(command), "main", __LINE__, "/bin/mv -f %s/%s %s/%s",
+                         gszWorkDir, kHardDiskArchive, gszVolume, kNextBootArchive) ||
+      UPDTExecute(command) != 0) {
     syslog(LOG_ERR, "%s(%d): mv %s to %s/%s fail.", "main", __LINE__, kHardDiskArchive, gszVolume,
            kNextBootArchive);
   }
