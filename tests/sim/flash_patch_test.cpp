@@ -29,12 +29,15 @@
 #include "sdk/velt_mtd.h"
 #include "sim/flash_state.h"
 #include "sim_test_chips.h"
+#include "sim_test_programs.h"
 #include "test_support.h"
 #include "updater/patch_plan.h"
 #include "updater/update_run.h"
 #include "updater/update_status.h"
 
 namespace {
+
+using sim_test::RunProgram;
 
 using flashsim::ChipState;
 using flashsim::PartitionLayout;
@@ -71,23 +74,6 @@ std::string ImageBytes(uint32_t seed, size_t length) {
     byte = static_cast<char>(x >> 8);
   }
   return bytes;
-}
-
-int RunProgram(const std::vector<std::string>& args, const std::string& log) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    std::vector<char*> argv;
-    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    dup2(fd, STDOUT_FILENO);
-    dup2(fd, STDERR_FILENO);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
 }
 
 std::string CreateChip(const std::string& state, const char* layout, const std::string& scratch) {

@@ -25,9 +25,13 @@
 #include "sim/flash_chip.h"
 #include "sim/flash_state.h"
 #include "sim_test_chips.h"
+#include "sim_test_programs.h"
 #include "test_support.h"
 
 namespace {
+
+using sim_test::RunProgram;
+using sim_test::WaitForExit;
 
 using sim_test::kFisDevice;
 using sim_test::kNorBase;
@@ -49,33 +53,6 @@ constexpr unsigned long kGetMSysTable = _IOR('M', 0x1A, uint32_t[16]);
 // 0, or the errno of the failing ioctl.
 int IoctlError(int fd, unsigned long request, void* argument) {
   return ioctl(fd, request, argument) == 0 ? 0 : errno;
-}
-
-bool WaitForExit(pid_t pid, int* status, int timeout_ms) {
-  for (int waited = 0; waited < timeout_ms; waited += 5) {
-    pid_t done = waitpid(pid, status, WNOHANG);
-    if (done == pid || (done < 0 && errno == ECHILD)) return done == pid;
-    usleep(5000);
-  }
-  return false;
-}
-
-// Runs a program and returns its exit status (-1 when it did not exit).
-int RunProgram(const std::vector<std::string>& args) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    std::vector<char*> argv;
-    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    int null = open("/dev/null", O_WRONLY);
-    dup2(null, STDOUT_FILENO);
-    dup2(null, STDERR_FILENO);
-    execvp(argv[0], argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
 }
 
 // Helpers are public so that the table-driven cases can call them.
@@ -101,7 +78,7 @@ class FlashsimMountTest : public ::testing::Test {
     EXPECT_FALSE(IsMounted()) << mount_ << " is still mounted";
     if (daemon_ > 0) {
       int status = 0;
-      if (!WaitForExit(daemon_, &status, 10000)) {
+      if (!WaitForExit(daemon_, 10000, &status)) {
         kill(daemon_, SIGKILL);
         waitpid(daemon_, &status, 0);
         ADD_FAILURE() << "the daemon did not stop after the unmount";
@@ -467,7 +444,7 @@ TEST_F(FlashsimMountTest, PowerCutLeavesTheChipAsItWasAtTheCut) {
   }
   ASSERT_EQ(0, RunProgram({"fusermount3", "-u", mount_}));
   int status = 0;
-  ASSERT_TRUE(WaitForExit(daemon_, &status, 10000));
+  ASSERT_TRUE(WaitForExit(daemon_, 10000, &status));
   daemon_ = -1;
   EXPECT_TRUE(ChipImage() == at_cut);
 }
@@ -565,7 +542,7 @@ TEST_F(FlashsimMountTest, DaemonStopsCleanlyOnUnmount) {
   MOUNT_OR_RETURN(sim_test::NorChip(state_));
   ASSERT_EQ(0, RunProgram({"fusermount3", "-u", mount_}));
   int status = 0;
-  ASSERT_TRUE(WaitForExit(daemon_, &status, 10000));
+  ASSERT_TRUE(WaitForExit(daemon_, 10000, &status));
   daemon_ = -1;
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   EXPECT_FALSE(IsMounted());
@@ -580,7 +557,7 @@ TEST_F(FlashsimMountTest, DaemonStopsCleanlyOnSigterm) {
   }
   ASSERT_EQ(0, kill(daemon_, SIGTERM));
   int status = 0;
-  ASSERT_TRUE(WaitForExit(daemon_, &status, 10000));
+  ASSERT_TRUE(WaitForExit(daemon_, 10000, &status));
   daemon_ = -1;
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   EXPECT_FALSE(IsMounted());

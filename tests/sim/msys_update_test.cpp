@@ -24,6 +24,7 @@
 #include "lib/unique_fd.h"
 #include "sim/flash_state.h"
 #include "sim_test_chips.h"
+#include "sim_test_programs.h"
 #include "test_support.h"
 #include "updater/fis_record.h"
 #include "updater/flash_patch.h"
@@ -32,6 +33,8 @@
 #include "updater/update_status.h"
 
 namespace {
+
+using sim_test::RunProgram;
 
 using Lines = std::vector<std::string>;
 using Bytes = std::vector<uint8_t>;
@@ -45,23 +48,6 @@ const char* const kNames[kPartitions] = {"RedBoot", "zImage",  "rd.gz",         
 constexpr int kZImage = 1;
 constexpr int kAllLib = 3;
 constexpr int kVeltcfg = 5;
-
-int RunProgram(const std::vector<std::string>& args, const std::string& log) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    std::vector<char*> argv;
-    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    dup2(fd, STDOUT_FILENO);
-    dup2(fd, STDERR_FILENO);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
-}
 
 // Deterministic image contents: xorshift32 bytes from `seed`.
 std::string ImageBytes(uint32_t seed, size_t length) {

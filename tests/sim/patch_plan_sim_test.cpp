@@ -16,11 +16,15 @@
 #include <vector>
 
 #include "sdk/velt_mtd.h"
+#include "sim_test_programs.h"
 #include "test_support.h"
 #include "updater/patch_plan.h"
 #include "updater/update_run.h"
 
 namespace {
+
+using sim_test::RunProgram;
+using sim_test::WaitForExit;
 
 using testing_support::SyslogRecord;
 
@@ -61,33 +65,6 @@ std::string Replace(std::string text, const std::string& key, const std::string&
   const size_t at = text.find(key);
   if (at != std::string::npos) text.replace(at, key.size(), value);
   return text;
-}
-
-// Runs a program and returns its exit status (-1 when it did not exit).
-int RunProgram(const std::vector<std::string>& args) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    std::vector<char*> argv;
-    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    int null = open("/dev/null", O_WRONLY);
-    dup2(null, STDOUT_FILENO);
-    dup2(null, STDERR_FILENO);
-    execvp(argv[0], argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
-}
-
-bool WaitForExit(pid_t pid, int timeout_ms) {
-  int status = 0;
-  for (int waited = 0; waited < timeout_ms; waited += 5) {
-    if (waitpid(pid, &status, WNOHANG) == pid) return true;
-    usleep(5000);
-  }
-  return false;
 }
 
 // `text` with the line number of its "Function(123): " head replaced by '#',

@@ -28,9 +28,13 @@
 #include "lib/unique_fd.h"
 #include "sim/flash_state.h"
 #include "sim_test_chips.h"
+#include "sim_test_programs.h"
 #include "test_support.h"
 
 namespace {
+
+using sim_test::RunProgram;
+using sim_test::WaitForExit;
 
 using Lines = std::vector<std::string>;
 using sim_test::kFisDevice;
@@ -43,33 +47,6 @@ constexpr size_t kStressSize = VELT_MTD_STRESS_DATA_SIZE;
 // The example board layouts of the source tree.
 std::string LayoutFile(const std::string& name) {
   return std::string(FLASH_LAYOUT_DIR) + "/" + name + ".layout";
-}
-
-// Runs a program with its output thrown away; its exit status, or -1.
-int RunProgram(const std::vector<std::string>& args) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    std::vector<char*> argv;
-    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    int null = open("/dev/null", O_WRONLY);
-    dup2(null, STDOUT_FILENO);
-    dup2(null, STDERR_FILENO);
-    execvp(argv[0], argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
-}
-
-bool WaitForExit(pid_t pid, int timeout_ms) {
-  int status = 0;
-  for (int waited = 0; waited < timeout_ms; waited += 5) {
-    if (waitpid(pid, &status, WNOHANG) == pid) return true;
-    usleep(5000);
-  }
-  return false;
 }
 
 // "" when equal, else where the first difference is.
