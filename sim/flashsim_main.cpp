@@ -27,6 +27,7 @@
 #include <algorithm>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "sim/flash_chip.h"
@@ -81,6 +82,10 @@ struct ControlSession {
   std::string answer;
   uint64_t written_end = 0;
 };
+
+// Open sessions by file handle. The daemon owns them until their release,
+// so that a stop before the kernel delivers the last release frees them too.
+std::unordered_map<uint64_t, std::unique_ptr<ControlSession>> g_control_sessions;
 
 bool IsControl(const char* path) { return path[0] == '/' && strcmp(path + 1, kControlName) == 0; }
 
@@ -147,7 +152,9 @@ int FsOpen(const char* path, struct fuse_file_info* fi) {
   fi->direct_io = 1;
   fi->keep_cache = 0;
   if (IsControl(path)) {
-    fi->fh = reinterpret_cast<uint64_t>(new ControlSession);
+    auto session = std::make_unique<ControlSession>();
+    fi->fh = reinterpret_cast<uint64_t>(session.get());
+    g_control_sessions[fi->fh] = std::move(session);
     return 0;
   }
   int device = DeviceOf(path);
@@ -161,7 +168,7 @@ int FsCreate(const char* /*path*/, mode_t /*mode*/, struct fuse_file_info* /*fi*
 }
 
 int FsRelease(const char* path, struct fuse_file_info* fi) {
-  if (IsControl(path)) delete reinterpret_cast<ControlSession*>(fi->fh);
+  if (IsControl(path)) g_control_sessions.erase(fi->fh);
   return 0;
 }
 
