@@ -975,4 +975,304 @@ TEST_F(UpdaterRunTest, FailedFtpPortRangeStepEndsWith21BeforeTheFlash) {
   EXPECT_NE(settings.find("ftphighport=\"60000\""), std::string::npos) << settings;
 }
 
+// ---- the photo database after the flash ----
+
+TEST_F(UpdaterRunTest, PhotoDatabaseStatementsRunEvenWhenTheDatabaseCannotBeStarted) {
+  Scenario scenario = Nor8();
+  // A system old enough for every photo database change; its database
+  // script has lost its execute permission.
+  sandbox::SetKeyValue(&scenario.version, "buildnumber", "401");
+  scenario.files.push_back({"/usr/velt/etc/rc.d/S20pgsql.sh", "#!/bin/sh\nexit 0\n", "", 0644});
+  ASSERT_NE(Build(scenario), nullptr);
+  const RunResult result = RunUpdater();
+  ASSERT_EQ(result.status, 0) << Describe(result);
+  ExpectProgress("R:0:");
+  size_t database_failures = 0;
+  for (const std::string& message : UpdaterMessages(result)) {
+    const std::string prefix = "user.err updater/updater.cpp: ";
+    const std::string suffix = ": failed to start postgre database.";
+    if (message.compare(0, prefix.size(), prefix) == 0 && message.size() > suffix.size() &&
+        message.compare(message.size() - suffix.size(), suffix.size(), suffix) == 0) {
+      ++database_failures;
+    }
+  }
+  EXPECT_EQ(database_failures, 1u) << Describe(result);
+  const std::string psql = "/usr/velt/pgsql/bin/psql photo -c ";
+  const std::vector<std::string> database_calls = {
+      psql + "ALTER TABLE photo_image ALTER timetaken TYPE varchar(64)",
+      psql + "ALTER TABLE photo_user ADD COLUMN admin bool DEFAULT false",
+      "/usr/velt/pgsql/bin/dropdb mediaserver"};
+  for (const std::string& call : database_calls) {
+    EXPECT_TRUE(Contains(result.stub_calls, call)) << call << "\n" << Joined(result.stub_calls);
+  }
+  EXPECT_EQ(UpdateLog(), (std::vector<std::string>{
+                             kStartLine, "Upgrade from version 2.0.3.401 to version 2.0.3.501",
+                             "Update photo db to add video tables", kDoneLine}));
+  EXPECT_TRUE(RootFileExists(sandbox::kNextBootArchive));
+  EXPECT_FALSE(RootFileExists(kBackupDir));
+  ExpectFlashCheckPasses();
+}
+
+// ---- services and the network interface ----
+
+TEST_F(UpdaterRunTest, ServicesThatCouldNotBeStoppedAreNotStartedAfterAFailure) {
+  Scenario scenario = Nor8(/*rebalance=*/true);
+  scenario.faults = {kWornKernelBlock};
+  scenario.files.push_back({"/usr/local/sbin/sdk_probe", "", SDK_PROBE, 0755});
+  ASSERT_NE(Build(scenario), nullptr);
+  // Another process holds the SMB configuration lock, one of the service
+  // locks, for longer than the stop waits for it.
+  const RunResult result =
+      Run({"/bin/sh", "-c",
+           "/usr/local/sbin/sdk_probe holdlock 0x40 120 /tmp/lock-held >/dev/null & "
+           "while [ ! -e /tmp/lock-held ]; do sleep 0.1; done; exec /volume1/upd@te/updater"});
+  ExpectFailure(result, 20, 'P');
+  const std::vector<std::string> messages = UpdaterMessages(result);
+  for (const char* wanted : {"user.err VELTNetService(N): lock failed",
+                             "user.err ErrNetServiceStop(N): VELTNetService return -1",
+                             "user.err main(N): all services stop error",
+                             "user.err main(N): fail to patch new binaries!!"}) {
+    EXPECT_TRUE(Contains(messages, wanted)) << wanted << "\n" << Joined(messages);
+  }
+  // The run went on to the flash and rolled it back, but never touched a
+  // service: nothing was stopped, so nothing is started.
+  EXPECT_TRUE(result.stub_calls.empty()) << Joined(result.stub_calls);
+  for (const std::string& message : messages) {
+    EXPECT_EQ(message.find("all services start error"), std::string::npos) << message;
+  }
+  ExpectFlashUntouched();
+  ExpectArchiveNotMoved();
+  EXPECT_FALSE(RootFileExists(kBackupDir));
+}
+
+// A stand-in for the database script that also records the interface's MTU
+// at the time of each call.
+constexpr char kMtuRecordingScript[] =
+    "#!/bin/sh\n"
+    "mtu=$(/sbin/ifconfig eth0 | sed -n 's/.*MTU:\\([0-9]*\\).*/\\1/p')\n"
+    "echo \"$0 $* mtu=$mtu\" >>/var/log/stub-calls.log\n"
+    "exit 0\n";
+
+TEST_F(UpdaterRunTest, JumboFramesAreOffWhileTheFlashIsWrittenAndBackAfterAFailure) {
+  Scenario scenario = Nor8(/*rebalance=*/true);
+  scenario.faults = {kWornKernelBlock};
+  scenario.eth0_speed = 1000;
+  sandbox::SetKeyValue(&scenario.default_settings, "supportMTU", "yes");
+  sandbox::SetKeyValue(&scenario.settings, "MTUValue", "9000");
+  scenario.files.push_back({"/usr/velt/etc/rc.d/S20pgsql.sh", kMtuRecordingScript, "", 0755});
+  ASSERT_NE(Build(scenario), nullptr);
+  const RunResult result =
+      Run({"/bin/sh", "-c",
+           "ifconfig eth0 mtu 9000 && /volume1/upd@te/updater; status=$?; "
+           "echo \"mtu after the run: $(ifconfig eth0 | sed -n 's/.*MTU:\\([0-9]*\\).*/\\1/p')\"; "
+           "exit $status"});
+  ExpectFailure(result, 20, 'P');
+  // Stopped at 9000 before the MTU was lowered; started again at 1500,
+  // before it is restored; 9000 again when the run has ended.
+  EXPECT_TRUE(Contains(result.stub_calls, "/usr/velt/etc/rc.d/S20pgsql.sh stop mtu=9000"))
+      << Joined(result.stub_calls);
+  EXPECT_TRUE(Contains(result.stub_calls, "/usr/velt/etc/rc.d/S20pgsql.sh start mtu=1500"))
+      << Joined(result.stub_calls);
+  EXPECT_NE(result.out.find("mtu after the run: 9000\n"), std::string::npos) << result.out;
+  std::string settings;
+  ASSERT_TRUE(box_->ReadRootFile("/etc/veltinfo.conf", &settings));
+  EXPECT_NE(settings.find("MTUValue=\"9000\"\n"), std::string::npos) << settings;
+  ExpectFlashUntouched();
+}
+
+// ---- the start directory ----
+
+// A stand-in for the database script whose stop closes the directory the
+// updater was started from to everyone, its owner included.
+constexpr char kClosingStartDirectoryScript[] =
+    "#!/bin/sh\n"
+    "echo \"$0 $*\" >>/var/log/stub-calls.log\n"
+    "if [ \"$1\" = stop ]; then chmod 0 /root/start; fi\n"
+    "exit 0\n";
+
+TEST_F(UpdaterRunTest, FailureToReturnToTheStartDirectoryTurnsSuccessInto2) {
+  Scenario scenario = Nor8();
+  scenario.files.push_back(
+      {"/usr/local/sbin/run_without_dac_override", "", RUN_WITHOUT_DAC_OVERRIDE, 0755});
+  scenario.files.push_back({"/root/start/keep", "x", "", 0644});
+  scenario.files.push_back(
+      {"/usr/velt/etc/rc.d/S20pgsql.sh", kClosingStartDirectoryScript, "", 0755});
+  ASSERT_NE(Build(scenario), nullptr);
+  // Without the capabilities that let root ignore permissions, the closed
+  // directory cannot be entered again at the end of the run.
+  const RunResult result = Run(
+      {"/bin/sh", "-c",
+       "cd /root/start && exec /usr/local/sbin/run_without_dac_override /volume1/upd@te/updater"});
+  EXPECT_EQ(result.status, 2) << Describe(result);
+  ExpectProgress("R:-2:");
+  EXPECT_EQ(UpdateLog(),
+            (std::vector<std::string>{kStartLine, kUpgradeLine, kDoneLine,
+                                      "Failed to accomplish the update! (errno = 2)"}));
+  EXPECT_TRUE(
+      Contains(UpdaterMessages(result), "user.err Failed to accomplish the update! (errno = 2)"))
+      << Describe(result);
+  // The update itself is complete: new images, archive moved, no backup.
+  const flashsim::ChipState after = After();
+  const std::vector<flashsim::FisRecord> records = FisRecords(after);
+  ASSERT_EQ(records.size(), 8u);
+  EXPECT_EQ(records[1].data_length, ImageBytes("zImage").size());
+  ExpectFlashCheckPasses();
+  EXPECT_TRUE(RootFileExists(sandbox::kNextBootArchive));
+  EXPECT_FALSE(RootFileExists(kBackupDir));
+  // A failed run starts the services it stopped.
+  EXPECT_TRUE(Contains(result.stub_calls, "/usr/velt/etc/rc.d/S20pgsql.sh stop"))
+      << Joined(result.stub_calls);
+  EXPECT_TRUE(Contains(result.stub_calls, "/usr/velt/etc/rc.d/S20pgsql.sh start"))
+      << Joined(result.stub_calls);
+}
+
+// ---- boards with an M-Systems flash disk ----
+
+constexpr uint32_t kDiskUnit = 16384;
+
+// One row of the flash disk's partition table, as its driver keeps it.
+struct DiskPartition {
+  std::string name;
+  uint32_t base;
+  uint32_t size;
+  uint32_t data_length;
+  bool operator==(const DiskPartition& other) const {
+    return name == other.name && base == other.base && size == other.size &&
+           data_length == other.data_length;
+  }
+};
+
+std::vector<DiskPartition> DiskTable(const flashsim::ChipState& state) {
+  std::vector<DiskPartition> table;
+  for (const flashsim::PartitionLayout& partition : state.layout.partitions) {
+    table.push_back({partition.name, partition.base, partition.size, partition.data_length});
+  }
+  return table;
+}
+
+std::string DescribeTable(const std::vector<DiskPartition>& table) {
+  std::string text;
+  char line[128];
+  for (const DiskPartition& row : table) {
+    snprintf(line, sizeof(line), "  %-16s 0x%08X 0x%08X 0x%08X\n", row.name.c_str(), row.base,
+             row.size, row.data_length);
+    text += line;
+  }
+  return text;
+}
+
+// A disk holding `contents[i]` at the start of partition i of `table`, every
+// other byte erased: what a format followed by one write per partition
+// leaves.
+std::vector<uint8_t> FormattedDisk(size_t disk_size, const std::vector<DiskPartition>& table,
+                                   const std::vector<std::string>& contents) {
+  std::vector<uint8_t> disk(disk_size, kErased);
+  for (size_t i = 0; i < table.size() && i < contents.size(); ++i) {
+    std::copy(contents[i].begin(), contents[i].end(), disk.begin() + table[i].base);
+  }
+  return disk;
+}
+
+std::string OldDiskPartition(const flashsim::ChipState& state, const DiskPartition& row) {
+  return std::string(state.image.begin() + row.base, state.image.begin() + row.base + row.size);
+}
+
+TEST_F(UpdaterRunTest, MSysUpdateRepartitionsTheDiskAndRewritesEveryPartition) {
+  sandbox::PackageOptions package;
+  package.rebalance = true;
+  ASSERT_NE(Build(BoardScenario("msys", package)), nullptr);
+  const RunResult result = RunUpdater();
+  ASSERT_EQ(result.status, 0) << Describe(result);
+  ExpectProgress("R:0:");
+
+  // The kernel needs one unit more; the library archive gives it, and the
+  // partitions lie one after another again. Every partition is written: the
+  // images from the package, the others from their backups.
+  const std::vector<DiskPartition> old_table = DiskTable(before_);
+  ASSERT_EQ(old_table.size(), 8u);
+  std::vector<std::string> contents;
+  for (const DiskPartition& row : old_table) contents.push_back(OldDiskPartition(before_, row));
+  contents[1] = ImageBytes("zImage");
+  contents[2] = ImageBytes("rd.bin");
+  contents[3] = ImageBytes("AllLib.tgz");
+  std::vector<DiskPartition> expected = old_table;
+  expected[1].size += kDiskUnit;
+  expected[3].size -= kDiskUnit;
+  uint32_t base = 0;
+  for (size_t i = 0; i < expected.size(); ++i) {
+    expected[i].base = base;
+    expected[i].data_length = contents[i].size();
+    base += expected[i].size;
+  }
+  const flashsim::ChipState after = After();
+  EXPECT_EQ(DiskTable(after), expected) << "after:\n"
+                                        << DescribeTable(DiskTable(after)) << "expected:\n"
+                                        << DescribeTable(expected);
+  EXPECT_TRUE(after.image == FormattedDisk(before_.image.size(), expected, contents))
+      << "the disk does not hold the new partitions";
+
+  std::string archive;
+  ASSERT_TRUE(box_->ReadRootFile(sandbox::kNextBootArchive, &archive));
+  EXPECT_EQ(archive, sandbox::SampleImageBytes("hda1.tgz", 4096));
+  EXPECT_FALSE(RootFileExists(kPackageArchive));
+  // This path never removes the backup: it stays beside the package.
+  std::string backup;
+  EXPECT_TRUE(box_->ReadRootFile(std::string(kBackupDir) + "/mtd_vendor", &backup));
+  EXPECT_EQ(backup, contents[4]);
+  ExpectServicesOnlyStopped(result);
+  EXPECT_EQ(UpdateLog(), (std::vector<std::string>{kStartLine, kUpgradeLine, kDoneLine}));
+  const std::vector<std::string> messages = UpdaterMessages(result);
+  for (const char* wanted :
+       {"user.err number of partitions = [8]", "user.info UPDTMSysDoPatch(N): NEED RE-PARTITION!!",
+        "user.err UPDTMSysUpdate(N): Turn on the reinstall library flag...!!",
+        "user.err Congratulation!! The update has been completed!!"}) {
+    EXPECT_TRUE(Contains(messages, wanted)) << wanted << "\n" << Joined(messages);
+  }
+  for (const std::string& message : messages) {
+    EXPECT_EQ(message.find("Failed to accomplish"), std::string::npos) << message;
+  }
+}
+
+TEST_F(UpdaterRunTest, MSysFailedWriteAfterRepartitionRollsBackWith20AndStillMovesTheArchive) {
+  sandbox::PackageOptions package;
+  package.rebalance = true;
+  Scenario scenario = BoardScenario("msys", package);
+  // The write of the settings partition, from its backup after the format,
+  // fails once; the roll-back's own write of it succeeds.
+  scenario.faults = {"fault write mtd5 nth=1 errno=EIO"};
+  ASSERT_NE(Build(scenario), nullptr);
+  const RunResult result = RunUpdater();
+  ExpectFailure(result, 20, 'P');
+
+  // The old table again, every partition written back whole from its backup
+  // after a second format.
+  const std::vector<DiskPartition> old_table = DiskTable(before_);
+  std::vector<std::string> contents;
+  std::vector<DiskPartition> expected = old_table;
+  for (DiskPartition& row : expected) {
+    contents.push_back(OldDiskPartition(before_, row));
+    row.data_length = row.size;
+  }
+  const flashsim::ChipState after = After();
+  EXPECT_EQ(DiskTable(after), expected) << "after:\n"
+                                        << DescribeTable(DiskTable(after)) << "expected:\n"
+                                        << DescribeTable(expected);
+  EXPECT_TRUE(after.image == FormattedDisk(before_.image.size(), old_table, contents))
+      << "the old partitions are not back";
+
+  // The archive moves even after a failed flash write.
+  EXPECT_TRUE(RootFileExists(sandbox::kNextBootArchive));
+  EXPECT_FALSE(RootFileExists(kPackageArchive));
+  ExpectServicesStoppedThenStarted(result);
+  const std::vector<std::string> messages = UpdaterMessages(result);
+  for (const char* wanted :
+       {"user.err UPDTMSysUpdate(N): fail to patch new binaries!!",
+        "user.err UPDTMSysUpdate(N): Turn on the reinstall library flag...!!"}) {
+    EXPECT_TRUE(Contains(messages, wanted)) << wanted << "\n" << Joined(messages);
+  }
+  EXPECT_FALSE(Contains(messages, "user.err UPDTMSysUpdate: UPDTRollBack() fail"))
+      << Joined(messages);
+  EXPECT_TRUE(Contains(UpdateLog(), kUpgradeLine));
+}
+
 }  // namespace
