@@ -1,21 +1,25 @@
 // filebay-rehearse: rehearses a firmware update on a simulated appliance.
-// Builds a sandbox (simulated flash with its FIS directory and images, a
+// Builds a sandbox (simulated flash with its partitions and images, a
 // running system, settings, stub services), puts a sample update package
 // into its /volume1/upd@te, runs the updater there while showing its
 // progress as the caller of a real update would read it, and reports the
-// result, the FIS directory before and after and the update log.
+// result, the flash partitioning (the FIS directory, or the flash disk's
+// partition table) before and after and the update log.
+#include <errno.h>
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "lib/unique_fd.h"
 #include "sim/flash_state.h"
 #include "sim/sandbox.h"
 #include "sim/update_scenario.h"
@@ -30,22 +34,34 @@ const char kUsage[] =
     "a simulated flash chip and a running system, a sample update package in\n"
     "/volume1/upd@te (new kernel, root image and library archive, VERSION and\n"
     "hda1.tgz), runs the updater there with a progress bar, and reports the result\n"
-    "code, the FIS directory before and after, the update log, and where the full\n"
-    "syslog and flash trace are. The sandbox is kept for inspection; remove it with\n"
-    "`filebay-sandbox destroy DIR`.\n"
+    "code, the flash partitioning before and after (the FIS directory, or on the\n"
+    "M-Systems board the flash disk's partition table), the update log, and where\n"
+    "the full syslog and flash trace are. The sandbox is kept for inspection;\n"
+    "remove it with `filebay-sandbox destroy DIR`.\n"
     "\n"
-    "  --board NAME     nor8 (default: 8 MiB, eight partitions; the new kernel is one\n"
-    "                   erase block too big, so the plan rebalances), junior6 (2 MiB,\n"
-    "                   six partitions)\n"
-    "  --no-rebalance   on nor8: a kernel that fits its partition\n"
+    "  --board NAME     nor8 (default: 8 MiB of NOR flash, eight partitions and a\n"
+    "                   FIS directory; the new kernel is one erase block too big,\n"
+    "                   so the plan rebalances), junior6 (2 MiB, six partitions),\n"
+    "                   msys (an M-Systems flash disk of 967 units of 16384 bytes,\n"
+    "                   eight partitions; the new kernel is one unit too big, so\n"
+    "                   the disk is re-partitioned and every partition rewritten)\n"
+    "  --no-rebalance   on nor8 and msys: a kernel that fits its partition\n"
     "  --group          a group update (-g: no analysis, no service stop, no backup)\n"
-    "  --fault LINE     a line of the flash fault plan, e.g.\n"
-    "                   \"fault write mtd2 every errno=EIO\" (a failed rewrite and\n"
-    "                   its roll-back) or \"fault corrupt-next-write mtd1\"; repeatable\n"
+    "  --fault LINE     a line of the flash fault plan; repeatable. For example\n"
+    "                   \"fault write mtd2 nth=1 errno=EIO\": one failed write (retried\n"
+    "                   on NOR flash; on msys the update fails and is rolled back);\n"
+    "                   three such lines with nth=1, 2 and 3: a rewrite that fails\n"
+    "                   every attempt and its roll-back on NOR flash;\n"
+    "                   \"fault corrupt-next-write mtd1\": a failed verify, retried;\n"
+    "                   \"fault write mtd2 every errno=EIO\": a partition that takes\n"
+    "                   no write at all, so that its roll-back fails too\n"
     "  --build N        the package's build number (default 501; the system has 500)\n"
     "  --dir DIR        where to build the sandbox (default: a new directory under\n"
     "                   $TMPDIR or /tmp)\n"
-    "  --updater PATH   the updater program to run (default: the simulator build)\n";
+    "  --updater PATH   the updater program to run (default: the simulator build)\n"
+    "\n"
+    "Exit status: 0 when the update succeeded, 1 when it failed or the sandbox\n"
+    "could not be built or run, 2 for a bad command line.\n";
 
 struct Options {
   std::string board = "nor8";
@@ -93,11 +109,12 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
       return false;
     }
   }
-  if (options->board != "nor8" && options->board != "junior6") {
-    *error = "board must be nor8 or junior6";
+  if (options->board != "nor8" && options->board != "junior6" && options->board != "msys") {
+    *error = "board must be nor8, junior6 or msys";
     return false;
   }
-  if (options->board != "nor8") options->rebalance = false;
+  // The junior board's sample package always fits its partitions.
+  if (options->board == "junior6") options->rebalance = false;
   return true;
 }
 
@@ -132,11 +149,7 @@ bool BuildScenario(const Options& options, sandbox::Scenario* scenario, std::str
 }
 
 // The FIS directory as the boot loader lists it.
-std::string FisListing(const std::string& state_dir) {
-  flashsim::ChipState state;
-  std::string error;
-  if (!flashsim::LoadState(state_dir, &state, &error))
-    return "  (cannot read the chip: " + error + ")\n";
+std::string FisListing(const flashsim::ChipState& state) {
   const flashsim::PartitionLayout* directory = state.layout.Find(state.layout.fis_device);
   if (directory == nullptr) return "  (no FIS directory)\n";
   const uint32_t offset = directory->base - state.layout.chip_base;
@@ -152,6 +165,38 @@ std::string FisListing(const std::string& state_dir) {
   }
   if (!terminated) text += "  (the directory does not end with an erased record)\n";
   return text;
+}
+
+// The flash disk's partition table as its driver keeps it: partitions by
+// position, each with its start on the disk, size and data length, and the
+// size in erase units.
+std::string DiskTableListing(const flashsim::ChipState& state) {
+  std::string text = "  #  Name              Start       Size        Data length  Units\n";
+  char line[128];
+  for (const flashsim::PartitionLayout& partition : state.layout.partitions) {
+    const uint32_t units =
+        state.layout.erase_size == 0 ? 0 : partition.size / state.layout.erase_size;
+    snprintf(line, sizeof(line), "  %d  %-16s  0x%08X  0x%08X  0x%08X   %5u\n", partition.index,
+             partition.name.c_str(), partition.base, partition.size, partition.data_length, units);
+    text += line;
+  }
+  return text;
+}
+
+// How the chip is partitioned, with the heading that says where that lives.
+struct Partitioning {
+  std::string heading;
+  std::string listing;
+};
+
+Partitioning ReadPartitioning(const std::string& state_dir) {
+  flashsim::ChipState state;
+  std::string error;
+  if (!flashsim::LoadState(state_dir, &state, &error))
+    return {"flash partitioning", "  (cannot read the chip: " + error + ")\n"};
+  if (state.layout.kind == flashsim::ChipKind::kMSys)
+    return {"flash disk partition table", DiskTableListing(state)};
+  return {"FIS directory", FisListing(state)};
 }
 
 // "P:60:      " -> letter 'P', value 60.
@@ -176,49 +221,91 @@ void DrawProgress(char letter, int value, bool terminal) {
   fflush(stdout);
 }
 
+constexpr char kProgressFile[] = "/tmp/update.progress";
+
+// Shows the progress record when it differs from the last one shown.
+class ProgressDisplay {
+ public:
+  ProgressDisplay(const sandbox::Sandbox& box, bool terminal) : box_(box), terminal_(terminal) {}
+
+  void Refresh() {
+    std::string record;
+    if (!box_.ReadRootFile(kProgressFile, &record) || record == last_) return;
+    char letter;
+    int value;
+    if (ParseProgress(record, &letter, &value)) DrawProgress(letter, value, terminal_);
+    last_ = record;
+  }
+
+ private:
+  const sandbox::Sandbox& box_;
+  const bool terminal_;
+  std::string last_;
+};
+
+// An inotify watch on the root's /tmp, so that each rewrite of the progress
+// file is seen as it happens rather than at the next poll; -1 when inotify
+// is not available (the caller then polls).
+int WatchProgressDirectory(const sandbox::Sandbox& box) {
+  const int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  if (fd < 0) return -1;
+  if (inotify_add_watch(fd, box.RootPath("/tmp").c_str(), IN_MODIFY | IN_CLOSE_WRITE) < 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+// Waits up to `timeout_ms` for a change in the watched directory (any
+// file: the display compares the record itself) and consumes the pending
+// events. Without a watch, poll() on no descriptor just sleeps.
+void WaitForChange(int watch_fd, int timeout_ms) {
+  struct pollfd wait = {watch_fd, POLLIN, 0};
+  if (poll(&wait, 1, timeout_ms) <= 0 || watch_fd < 0) return;
+  alignas(struct inotify_event) char buffer[4096];
+  while (read(watch_fd, buffer, sizeof(buffer)) > 0) {
+  }
+}
+
 sandbox::RunResult RunWithProgress(sandbox::Sandbox* box, const std::vector<std::string>& argv) {
   std::atomic<bool> done(false);
   sandbox::RunResult result;
   sandbox::RunOptions run_options;
   run_options.timeout_seconds = 600;
+  const UniqueFd watch(WatchProgressDirectory(*box));
   std::thread runner([&] {
     result = box->Run(argv, run_options);
     done = true;
   });
   const bool terminal = isatty(STDOUT_FILENO) != 0;
-  std::string last;
+  ProgressDisplay display(*box, terminal);
   while (!done) {
-    std::string record;
-    if (box->ReadRootFile("/tmp/update.progress", &record) && record != last) {
-      char letter;
-      int value;
-      if (ParseProgress(record, &letter, &value)) DrawProgress(letter, value, terminal);
-      last = record;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    WaitForChange(watch.get(), watch.get() >= 0 ? 100 : 20);
+    display.Refresh();
   }
   runner.join();
-  std::string record;
-  char letter;
-  int value;
-  if (box->ReadRootFile("/tmp/update.progress", &record) && record != last &&
-      ParseProgress(record, &letter, &value)) {
-    DrawProgress(letter, value, terminal);
-  }
+  display.Refresh();
   if (terminal) printf("\n");
   return result;
 }
 
 void Report(const sandbox::Sandbox& box, const sandbox::RunResult& result,
-            const std::string& fis_before) {
+            const Partitioning& before) {
   const int code = result.status;
   printf("\nresult: %d (%s)\n", code,
          code >= 0 && code < UPDT_RESULT_CODE_COUNT ? gszResultKey[code] : "bad option");
   std::string progress;
-  box.ReadRootFile("/tmp/update.progress", &progress);
+  box.ReadRootFile(kProgressFile, &progress);
   printf("last progress record: \"%s\"\n", progress.c_str());
-  printf("\nFIS directory before:\n%s", fis_before.c_str());
-  printf("FIS directory after:\n%s", FisListing(box.FlashStateDir()).c_str());
+  const Partitioning after = ReadPartitioning(box.FlashStateDir());
+  printf("\n%s before:\n%s", before.heading.c_str(), before.listing.c_str());
+  printf("%s after:\n%s", after.heading.c_str(), after.listing.c_str());
+  // The copy commands' record counts fill the standard error of every run;
+  // only a sanitizer's findings there are worth showing at once.
+  if (result.err.find("Sanitizer") != std::string::npos ||
+      result.err.find("runtime error:") != std::string::npos) {
+    printf("\nupdater's standard error:\n%s", result.err.c_str());
+  }
   std::string update_log;
   box.ReadRootFile("/var/log/veltupdate.log", &update_log);
   printf("\nupdate log (/var/log/veltupdate.log):\n%s", update_log.c_str());
@@ -229,7 +316,15 @@ void Report(const sandbox::Sandbox& box, const sandbox::RunResult& result,
   printf("  syslog:      %s\n", box.RootPath("/var/log/messages").c_str());
   printf("  flash trace: %s/trace.log\n", box.FlashStateDir().c_str());
   printf("  stub calls:  %s\n", box.RootPath("/var/log/stub-calls.log").c_str());
+  printf("  updater's output: %s/run.stdout, %s/run.stderr\n", box.dir().c_str(),
+         box.dir().c_str());
   printf("  remove it with: filebay-sandbox destroy %s\n", box.dir().c_str());
+}
+
+const char* PlanNote(const Options& options) {
+  if (!options.rebalance) return "";
+  return options.board == "msys" ? " (the flash disk must be re-partitioned)"
+                                 : " (the plan must rebalance)";
 }
 
 }  // namespace
@@ -242,13 +337,19 @@ int main(int argc, char** argv) {
   Options options;
   std::string error;
   if (!ParseOptions(argc, argv, &options, &error)) return Usage(error);
-  if (options.dir.empty()) options.dir = NewSandboxDir();
   const sandbox::Tools tools = sandbox::ToolsBeside("/proc/self/exe");
   const std::string unavailable = sandbox::Unavailable(tools, true);
-  if (!unavailable.empty()) return Usage("cannot rehearse here: " + unavailable);
-
+  if (!unavailable.empty()) {
+    fprintf(stderr, "filebay-rehearse: cannot rehearse here: %s\n", unavailable.c_str());
+    return 1;
+  }
   sandbox::Scenario scenario;
   if (!BuildScenario(options, &scenario, &error)) return Usage(error);
+  if (options.dir.empty()) options.dir = NewSandboxDir();
+  if (options.dir.empty()) {
+    fprintf(stderr, "filebay-rehearse: cannot make a sandbox directory: %s\n", strerror(errno));
+    return 1;
+  }
   std::unique_ptr<sandbox::Sandbox> box =
       sandbox::Sandbox::Create(options.dir, scenario, tools, &error);
   if (box == nullptr) {
@@ -256,10 +357,10 @@ int main(int argc, char** argv) {
     return 1;
   }
   box->Keep();
-  const std::string fis_before = FisListing(box->FlashStateDir());
-  printf("rehearsing on board %s%s%s in %s\n", options.board.c_str(),
-         options.rebalance ? " (the plan must rebalance)" : "",
+  const Partitioning before = ReadPartitioning(box->FlashStateDir());
+  printf("rehearsing on board %s%s%s in %s\n", options.board.c_str(), PlanNote(options),
          options.group ? ", group update" : "", box->dir().c_str());
+  fflush(stdout);
   std::vector<std::string> argv_run = {std::string(sandbox::kPackageDir) + "/updater"};
   if (options.group) argv_run.push_back("-g");
   const sandbox::RunResult result = RunWithProgress(box.get(), argv_run);
@@ -267,6 +368,6 @@ int main(int argc, char** argv) {
     fprintf(stderr, "filebay-rehearse: the sandbox failed: %s\n", result.error.c_str());
     return 1;
   }
-  Report(*box, result, fis_before);
+  Report(*box, result, before);
   return result.status == 0 ? 0 : 1;
 }

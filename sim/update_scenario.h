@@ -41,7 +41,8 @@ struct PackageOptions {
   std::string unique;
   // The kernel image grows by one erase block beyond its partition, so that
   // the plan must take a block from the library archive and shift the
-  // partitions after it (only on the 8-partition board).
+  // partitions after it (on the 8-partition boards: nor8 rebalances its FIS
+  // directory, msys re-partitions the flash disk).
   bool rebalance = false;
   bool hard_disk_archive = true;  // "hda1.tgz"
 };
@@ -50,7 +51,7 @@ struct PackageOptions {
 std::string SampleImageBytes(const std::string& label, uint32_t size);
 
 // The images of a sample package for `layout`: the kernel ("zImage"), the
-// root image ("rd.bin") and, on the 8-partition board, the library archive
+// root image ("rd.bin") and, on the 8-partition boards, the library archive
 // ("AllLib.tgz"), each sized to fit its partition (or, with `rebalance`, the
 // kernel one block too big).
 std::vector<PackageImage> SampleImages(const flashsim::ChipLayout& layout,
