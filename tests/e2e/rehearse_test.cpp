@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "gtest/gtest.h"
+#include "sandbox_test_support.h"
 #include "sim/flash_state.h"
 #include "sim/sandbox.h"
 #include "sim/update_scenario.h"
@@ -48,15 +49,10 @@ struct Outcome {
   std::string err;
 };
 
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
+using sandbox_test::SplitLines;
 
 bool HasLine(const std::string& text, const std::string& wanted) {
-  for (const std::string& line : Lines(text)) {
+  for (const std::string& line : SplitLines(text)) {
     if (line == wanted) return true;
   }
   return false;
@@ -99,7 +95,7 @@ Outcome RunProgram(const std::vector<std::string>& argv, const std::string& dir)
 std::vector<std::string> Section(const std::string& report, const std::string& heading) {
   std::vector<std::string> section;
   bool inside = false;
-  for (const std::string& line : Lines(report)) {
+  for (const std::string& line : SplitLines(report)) {
     if (!inside) {
       inside = line == heading;
       continue;
@@ -115,7 +111,7 @@ std::vector<std::string> Section(const std::string& report, const std::string& h
 std::vector<std::string> ShownUpdateLog(const std::string& report) {
   std::vector<std::string> log;
   bool inside = false;
-  for (const std::string& line : Lines(report)) {
+  for (const std::string& line : SplitLines(report)) {
     if (!inside) {
       inside = line == "update log (/var/log/veltupdate.log):";
       continue;
@@ -131,7 +127,7 @@ std::vector<std::string> ShownUpdateLog(const std::string& report) {
 // with one.
 std::vector<std::string> ShownProgress(const std::string& report) {
   std::vector<std::string> records;
-  for (const std::string& line : Lines(report)) {
+  for (const std::string& line : SplitLines(report)) {
     if (!StartsWith(line, "[")) continue;
     records.push_back(line.substr(line.rfind(' ') + 1));
   }
@@ -349,7 +345,7 @@ class RehearseTest : public ::testing::Test {
     ASSERT_FALSE(shown.empty()) << outcome.out;
     EXPECT_EQ(shown.back(), last) << outcome.out;
     const std::vector<std::string> file =
-        Lines(testing_support::ReadFile(RootPath("/var/log/veltupdate.log")));
+        SplitLines(testing_support::ReadFile(RootPath("/var/log/veltupdate.log")));
     ASSERT_EQ(file.size(), shown.size()) << outcome.out;
     for (size_t i = 0; i < file.size(); ++i) {
       EXPECT_EQ(file[i].substr(file[i].find('\t') + 1), shown[i]);
@@ -540,7 +536,7 @@ TEST_F(RehearseTest, MsysRehearsalWithoutRebalanceKeepsTheTableAndTheOtherPartit
                           ChipBytes(fresh, before[index].start, before[index].size)))
         << after[index].name;
   }
-  for (const std::string& line : Lines(testing_support::ReadFile(ChipDir() + "/trace.log"))) {
+  for (const std::string& line : SplitLines(testing_support::ReadFile(ChipDir() + "/trace.log"))) {
     EXPECT_FALSE(StartsWith(line, "format ")) << line;
     EXPECT_FALSE(StartsWith(line, "partition ")) << line;
     for (const char* untouched :

@@ -11,14 +11,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <functional>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "gtest/gtest.h"
+#include "sandbox_test_support.h"
 #include "sim/flash_state.h"
 #include "sim/sandbox.h"
 #include "sim/update_scenario.h"
@@ -42,30 +41,6 @@ constexpr char kRebootMessage[] =
     "extramsg=\"To perform upgrade task, you have to REBOOT your Filebay first.\"\n";
 constexpr uint8_t kErased = 0xFF;
 
-std::string NewSandboxDir() {
-  const char* base = getenv("TMPDIR");
-  std::string pattern =
-      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/updater-run-test-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) return "";
-  return pattern;
-}
-
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
-bool ReadHostFile(const std::string& path, std::string* content) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  std::ostringstream bytes;
-  bytes << in.rdbuf();
-  *content = bytes.str();
-  return true;
-}
-
 bool Contains(const std::vector<std::string>& lines, const std::string& wanted) {
   for (const std::string& line : lines) {
     if (line == wanted) return true;
@@ -81,50 +56,14 @@ std::string Joined(const std::vector<std::string>& lines) {
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
-bool IsNameCharacter(char c) {
-  return IsDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
-}
-
-// `message` with source line numbers replaced by N: "main(317)" ->
-// "main(N)" and "updater:71(UPDTUpdateConfig)" -> "updater:N(UPDTUpdateConfig)",
-// so that the tests do not depend on where in the source a message is.
-std::string WithoutLineNumbers(const std::string& message) {
-  std::string text;
-  size_t i = 0;
-  while (i < message.size()) {
-    const char c = message[i];
-    size_t end = i + 1;
-    while (end < message.size() && IsDigit(message[end])) ++end;
-    const bool has_digits = end > i + 1 && end < message.size();
-    const bool after_name = i > 0 && IsNameCharacter(message[i - 1]);
-    if (has_digits && after_name &&
-        ((c == '(' && message[end] == ')') || (c == ':' && message[end] == '('))) {
-      text += c;
-      text += 'N';
-      i = end;
-      continue;
-    }
-    text += c;
-    ++i;
-  }
-  return text;
-}
-
 // The updater's own syslog lines as "<facility.priority> <message>", line
-// numbers replaced.
+// numbers replaced by N and trailing line feeds and blanks dropped.
 std::vector<std::string> UpdaterMessages(const RunResult& result) {
-  std::vector<std::string> messages;
-  for (const std::string& line : result.syslog) {
-    const size_t ident = line.find(" updater: ");
-    if (ident == std::string::npos) continue;
-    const size_t priority = line.rfind(' ', ident - 1);
-    if (priority == std::string::npos) continue;
-    std::string message = line.substr(priority + 1, ident - priority - 1) + " " +
-                          line.substr(ident + strlen(" updater: "));
+  std::vector<std::string> messages = sandbox_test::ProgramMessages(result, "updater");
+  for (std::string& message : messages) {
     while (!message.empty() && (message.back() == '\n' || message.back() == ' ')) {
       message.pop_back();
     }
-    messages.push_back(WithoutLineNumbers(message));
   }
   return messages;
 }
@@ -138,14 +77,6 @@ bool HasTimeStamp(const std::string& line) {
     if (kShape[i] == 'd' ? !IsDigit(line[i]) : line[i] != kShape[i]) return false;
   }
   return true;
-}
-
-std::string Describe(const RunResult& result) {
-  std::string text = "ok=" + std::to_string(result.ok) + " error=[" + result.error +
-                     "] status=" + std::to_string(result.status) + "\nstdout:\n" + result.out +
-                     "stderr:\n" + result.err + "syslog:\n" + Joined(result.syslog) +
-                     "stub calls:\n" + Joined(result.stub_calls);
-  return text;
 }
 
 // "filebay-flash ARGS" on the host: its exit status and what it printed.
@@ -205,21 +136,16 @@ void DropFile(std::vector<RootFile>* files, const std::string& path) {
   }
 }
 
-class UpdaterRunTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    tools_.flash_tool = FLASH_TOOL;
-    tools_.flashsim = FLASHSIM_DAEMON;
-    const std::string reason = sandbox::Unavailable(tools_, /*need_flash=*/true);
-    if (!reason.empty()) GTEST_SKIP() << reason;
-  }
+sandbox::Tools SimulatorTools() {
+  sandbox::Tools tools;
+  tools.flash_tool = FLASH_TOOL;
+  tools.flashsim = FLASHSIM_DAEMON;
+  return tools;
+}
 
-  void TearDown() override {
-    if (box_ == nullptr) return;
-    std::string error;
-    EXPECT_TRUE(box_->Destroy(HasFailure(), &error)) << error;
-    box_.reset();
-  }
+class UpdaterRunTest : public sandbox_test::SandboxFixture {
+ protected:
+  UpdaterRunTest() : SandboxFixture("updater-run-test", SimulatorTools(), /*need_flash=*/true) {}
 
   // A scenario for `board` ("nor8" or "junior6") with the sample package of
   // `package` and the updater in the package directory.
@@ -244,15 +170,8 @@ class UpdaterRunTest : public ::testing::Test {
   // Builds the sandbox and keeps the chip as it was before any run; null
   // after a recorded failure.
   Sandbox* Build(const Scenario& scenario) {
-    const std::string dir = NewSandboxDir();
+    if (SandboxFixture::Build(scenario) == nullptr) return nullptr;
     std::string error;
-    box_ = Sandbox::Create(dir, scenario, tools_, &error);
-    if (box_ == nullptr) {
-      ADD_FAILURE() << "Create(" << dir << "): " << error;
-      std::string ignored;
-      sandbox::DestroyDir(dir, &ignored);
-      return nullptr;
-    }
     EXPECT_TRUE(flashsim::LoadState(box_->FlashStateDir(), &before_, &error)) << error;
     return box_.get();
   }
@@ -263,8 +182,8 @@ class UpdaterRunTest : public ::testing::Test {
     options.timeout_seconds = 60;
     options.env = env;
     RunResult result = box_->Run(argv, options);
-    EXPECT_TRUE(result.ok) << Describe(result);
-    EXPECT_FALSE(result.timed_out) << Describe(result);
+    EXPECT_TRUE(result.ok) << sandbox_test::Describe(result);
+    EXPECT_FALSE(result.timed_out) << sandbox_test::Describe(result);
     // A sanitizer build of the program reports its findings on stderr.
     EXPECT_EQ(result.err.find("Sanitizer"), std::string::npos) << result.err;
     EXPECT_EQ(result.err.find("runtime error:"), std::string::npos) << result.err;
@@ -324,7 +243,7 @@ class UpdaterRunTest : public ::testing::Test {
     std::string text;
     EXPECT_TRUE(box_->ReadRootFile("/var/log/veltupdate.log", &text));
     std::vector<std::string> lines;
-    for (const std::string& line : Lines(text)) {
+    for (const std::string& line : sandbox_test::SplitLines(text)) {
       EXPECT_TRUE(HasTimeStamp(line)) << "[" << line << "]";
       lines.push_back(HasTimeStamp(line) ? line.substr(strlen("YYYY/MM/DD HH:MM:SS\t")) : line);
     }
@@ -382,10 +301,11 @@ class UpdaterRunTest : public ::testing::Test {
   // A run that failed with `code`: the failure line in syslog and in the
   // update log (its last line), and the progress letter at `letter`.
   void ExpectFailure(const RunResult& result, int code, char letter) {
-    EXPECT_EQ(result.status, code) << Describe(result);
+    EXPECT_EQ(result.status, code) << sandbox_test::Describe(result);
     const std::string failed =
         "Failed to accomplish the update! (errno = " + std::to_string(code) + ")";
-    EXPECT_TRUE(Contains(UpdaterMessages(result), "user.err " + failed)) << Describe(result);
+    EXPECT_TRUE(Contains(UpdaterMessages(result), "user.err " + failed))
+        << sandbox_test::Describe(result);
     const std::vector<std::string> log = UpdateLog();
     ASSERT_FALSE(log.empty());
     EXPECT_EQ(log.front(), kStartLine);
@@ -429,11 +349,9 @@ class UpdaterRunTest : public ::testing::Test {
     return "";
   }
 
-  sandbox::Tools tools_;
   flashsim::ChipLayout layout_;
   sandbox::PackageOptions spec_;
   flashsim::ChipState before_;
-  std::unique_ptr<Sandbox> box_;
 };
 
 // ---- successful updates ----
@@ -441,7 +359,7 @@ class UpdaterRunTest : public ::testing::Test {
 TEST_F(UpdaterRunTest, Nor8UpdateRebalancesPartitionsAndLeavesServicesStopped) {
   ASSERT_NE(Build(Nor8(/*rebalance=*/true)), nullptr);
   const RunResult result = RunUpdater();
-  ASSERT_EQ(result.status, 0) << Describe(result);
+  ASSERT_EQ(result.status, 0) << sandbox_test::Describe(result);
   ExpectProgress("R:0:");
 
   // The kernel took one erase block from the library archive; the root
@@ -500,7 +418,7 @@ TEST_F(UpdaterRunTest, Nor8UpdateRebalancesPartitionsAndLeavesServicesStopped) {
 TEST_F(UpdaterRunTest, Junior6UpdateRewritesImagesInPlaceOnSixPartitions) {
   ASSERT_NE(Build(BoardScenario("junior6", sandbox::PackageOptions())), nullptr);
   const RunResult result = RunUpdater();
-  ASSERT_EQ(result.status, 0) << Describe(result);
+  ASSERT_EQ(result.status, 0) << sandbox_test::Describe(result);
   ExpectProgress("R:0:");
 
   std::vector<flashsim::FisRecord> expected = FisRecords(before_);
@@ -641,7 +559,7 @@ TEST_F(UpdaterRunTest, FullWriteableVolumeIsRefusedWith16) {
            std::string("mount -t tmpfs -o size=1m tmpfs /writeable && exec ") + kUpdater});
   ExpectFailure(result, 16, 'A');
   EXPECT_TRUE(Contains(UpdaterMessages(result), "user.err main(N): fail to analyze, error = 16"))
-      << Describe(result);
+      << sandbox_test::Describe(result);
   EXPECT_TRUE(result.stub_calls.empty()) << Joined(result.stub_calls);
   ExpectFlashUntouched();
   ExpectArchiveNotMoved();
@@ -672,8 +590,8 @@ TEST_F(UpdaterRunTest, UnwritableDefaultFileSystemSettingIsRefusedWith22) {
 TEST_F(UpdaterRunTest, HelpPrintsUsageAfterTheStartRecords) {
   ASSERT_NE(Build(Nor8()), nullptr);
   const RunResult result = RunUpdater({"-h"});
-  EXPECT_EQ(result.status, 0) << Describe(result);
-  const std::vector<std::string> out = Lines(result.out);
+  EXPECT_EQ(result.status, 0) << sandbox_test::Describe(result);
+  const std::vector<std::string> out = sandbox_test::SplitLines(result.out);
   ASSERT_EQ(out.size(), 4u) << result.out;
   EXPECT_NE(out[0].find("2007"), std::string::npos) << out[0];
   EXPECT_EQ(out[1], "updater [-h][-g][-v vol]");
@@ -703,7 +621,7 @@ TEST_F(UpdaterRunTest, BadOptionsEndWith255AndTheirSyslogLine) {
   for (const auto& bad : kCases) {
     SCOPED_TRACE(bad.line);
     const RunResult result = RunUpdater(bad.args);
-    EXPECT_EQ(result.status, 255) << Describe(result);
+    EXPECT_EQ(result.status, 255) << sandbox_test::Describe(result);
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err, "");
     const std::vector<std::string> messages = UpdaterMessages(result);
@@ -722,7 +640,7 @@ TEST_F(UpdaterRunTest, OtherVolumeReceivesTheHardDiskArchive) {
   scenario.files.push_back({"/volume2/keep", "x", "", 0644});
   ASSERT_NE(Build(scenario), nullptr);
   const RunResult result = RunUpdater({"-v", "/volume2"});
-  ASSERT_EQ(result.status, 0) << Describe(result);
+  ASSERT_EQ(result.status, 0) << sandbox_test::Describe(result);
   ExpectProgress("R:0:");
   std::string archive;
   ASSERT_TRUE(box_->ReadRootFile("/volume2/VeltUpgrade.tar.gz", &archive));
@@ -742,7 +660,7 @@ TEST_F(UpdaterRunTest, ProgramStartedByBareNameWorksInTheVolumesPackageDirectory
   ASSERT_NE(Build(scenario), nullptr);
   const RunResult result = Run({"/bin/sh", "-c", "cd /tmp && exec updater"},
                                {"PATH=/usr/local/sbin:/bin:/sbin:/usr/bin:/usr/sbin"});
-  ASSERT_EQ(result.status, 0) << Describe(result);
+  ASSERT_EQ(result.status, 0) << sandbox_test::Describe(result);
   ExpectProgress("R:0:");
   EXPECT_TRUE(RootFileExists(sandbox::kNextBootArchive));
   EXPECT_FALSE(RootFileExists(kPackageArchive));
@@ -760,7 +678,7 @@ TEST_F(UpdaterRunTest, ProgramStartedByBareNameWithoutPackageOnTheVolumeFails) {
                                {"PATH=/usr/local/sbin:/bin:/sbin:/usr/bin:/usr/sbin"});
   ExpectFailure(result, 3, 'A');
   EXPECT_TRUE(Contains(UpdaterMessages(result), "user.err main(N): fail to chdir, errno = 2"))
-      << Describe(result);
+      << sandbox_test::Describe(result);
   EXPECT_TRUE(result.stub_calls.empty()) << Joined(result.stub_calls);
   ExpectFlashUntouched();
   ExpectArchiveNotMoved();
@@ -855,7 +773,7 @@ TEST_F(UpdaterRunTest, KernelWithoutDriverBufferCallStillUpdates) {
   scenario.faults = {"set driver-buffer errno ENOSYS"};
   ASSERT_NE(Build(scenario), nullptr);
   const RunResult result = RunUpdater();
-  ASSERT_EQ(result.status, 0) << Describe(result);
+  ASSERT_EQ(result.status, 0) << sandbox_test::Describe(result);
   ExpectProgress("R:0:");
   const std::vector<std::string> messages = UpdaterMessages(result);
   EXPECT_TRUE(Contains(messages, "user.err main(N): fail to malloc mtd driver buffer, error = 38"))
@@ -876,16 +794,15 @@ TEST_F(UpdaterRunTest, RefusedDriverBufferEndsWith23BeforeTheFlash) {
   ExpectFailure(result, 23, 'A');
   EXPECT_TRUE(Contains(UpdaterMessages(result),
                        "user.err main(N): fail to malloc mtd driver buffer, error = 12"))
-      << Describe(result);
+      << sandbox_test::Describe(result);
   ExpectFlashUntouched();
   ExpectServicesStoppedThenStarted(result);
   ExpectArchiveNotMoved();
 }
 
 double HostUptime() {
-  std::string text;
-  if (!ReadHostFile("/proc/uptime", &text)) return -1;
-  return strtod(text.c_str(), nullptr);
+  const std::string text = testing_support::ReadFile("/proc/uptime");
+  return text.empty() ? -1 : strtod(text.c_str(), nullptr);
 }
 
 // An old system (build 350) whose flash driver cannot lend its buffer, booted
@@ -917,7 +834,7 @@ TEST_F(UpdaterRunTest, JuniorNeverAppliesTheRebootRule) {
   ASSERT_NE(Build(OldSystemWithInitrd(BoardScenario("junior6", sandbox::PackageOptions()))),
             nullptr);
   const RunResult result = RunUpdater();
-  ASSERT_EQ(result.status, 0) << Describe(result);
+  ASSERT_EQ(result.status, 0) << sandbox_test::Describe(result);
   ExpectProgress("R:0:");
   EXPECT_FALSE(RootFileExists("/tmp/update.message"));
   EXPECT_EQ(UpdateLog(),
@@ -940,7 +857,7 @@ TEST_F(UpdaterRunTest, RecentlyBootedOldSystemIsUpdated) {
   const long offset = static_cast<long>(uptime) - 60;
   const RunResult result =
       Run({"/usr/local/sbin/unshare", "--time", "--boottime", std::to_string(-offset), kUpdater});
-  ASSERT_EQ(result.status, 0) << Describe(result);
+  ASSERT_EQ(result.status, 0) << sandbox_test::Describe(result);
   ExpectProgress("R:0:");
   EXPECT_FALSE(RootFileExists("/tmp/update.message"));
   EXPECT_EQ(UpdateLog(),
@@ -985,7 +902,7 @@ TEST_F(UpdaterRunTest, PhotoDatabaseStatementsRunEvenWhenTheDatabaseCannotBeStar
   scenario.files.push_back({"/usr/velt/etc/rc.d/S20pgsql.sh", "#!/bin/sh\nexit 0\n", "", 0644});
   ASSERT_NE(Build(scenario), nullptr);
   const RunResult result = RunUpdater();
-  ASSERT_EQ(result.status, 0) << Describe(result);
+  ASSERT_EQ(result.status, 0) << sandbox_test::Describe(result);
   ExpectProgress("R:0:");
   size_t database_failures = 0;
   for (const std::string& message : UpdaterMessages(result)) {
@@ -996,7 +913,7 @@ TEST_F(UpdaterRunTest, PhotoDatabaseStatementsRunEvenWhenTheDatabaseCannotBeStar
       ++database_failures;
     }
   }
-  EXPECT_EQ(database_failures, 1u) << Describe(result);
+  EXPECT_EQ(database_failures, 1u) << sandbox_test::Describe(result);
   const std::string psql = "/usr/velt/pgsql/bin/psql photo -c ";
   const std::vector<std::string> database_calls = {
       psql + "ALTER TABLE photo_image ALTER timetaken TYPE varchar(64)",
@@ -1103,14 +1020,14 @@ TEST_F(UpdaterRunTest, FailureToReturnToTheStartDirectoryTurnsSuccessInto2) {
   const RunResult result = Run(
       {"/bin/sh", "-c",
        "cd /root/start && exec /usr/local/sbin/run_without_dac_override /volume1/upd@te/updater"});
-  EXPECT_EQ(result.status, 2) << Describe(result);
+  EXPECT_EQ(result.status, 2) << sandbox_test::Describe(result);
   ExpectProgress("R:-2:");
   EXPECT_EQ(UpdateLog(),
             (std::vector<std::string>{kStartLine, kUpgradeLine, kDoneLine,
                                       "Failed to accomplish the update! (errno = 2)"}));
   EXPECT_TRUE(
       Contains(UpdaterMessages(result), "user.err Failed to accomplish the update! (errno = 2)"))
-      << Describe(result);
+      << sandbox_test::Describe(result);
   // The update itself is complete: new images, archive moved, no backup.
   const flashsim::ChipState after = After();
   const std::vector<flashsim::FisRecord> records = FisRecords(after);
@@ -1182,7 +1099,7 @@ TEST_F(UpdaterRunTest, MSysUpdateRepartitionsTheDiskAndRewritesEveryPartition) {
   package.rebalance = true;
   ASSERT_NE(Build(BoardScenario("msys", package)), nullptr);
   const RunResult result = RunUpdater();
-  ASSERT_EQ(result.status, 0) << Describe(result);
+  ASSERT_EQ(result.status, 0) << sandbox_test::Describe(result);
   ExpectProgress("R:0:");
 
   // The kernel needs one unit more; the library archive gives it, and the

@@ -2,19 +2,15 @@
 // probe program inside appliance sandboxes: real files under the sandbox's
 // /etc, /usr/velt and /volume1, stub database tools, the syslog, the update
 // log and the system event log.
-#include <ctype.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "gtest/gtest.h"
+#include "sandbox_test_support.h"
 #include "sim/sandbox.h"
 #include "test_support.h"
 
@@ -23,6 +19,8 @@ namespace {
 using sandbox::RunResult;
 using sandbox::Sandbox;
 using sandbox::Scenario;
+using sandbox_test::Describe;
+using sandbox_test::SplitLines;
 
 constexpr char kProbe[] = "/usr/local/bin/migration_probe";
 constexpr char kDbCallLog[] = "/var/log/db-calls.log";
@@ -40,57 +38,16 @@ const char kShadowFtp[] = "ftp:*:10933:0:99999:7:::\n";
 const char kShadowAnonymous[] = "anonymous:*:10933:0:99999:7:::\n";
 const char kGroupFtp[] = "ftp:x:21:nobody,ftp,nobody\n";
 
-std::string NewSandboxDir() {
-  const char* base = getenv("TMPDIR");
-  std::string pattern =
-      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/migration-test-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) return "";
-  return pattern;
-}
-
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
-// Source line numbers vary with the code; messages are compared without them
-// ("updater:123(...", "updater (123)", "updater(123)" and
-// "updater UpdateRsyncdConf(123)" all get "N" for the number).
-std::string WithoutLineNumbers(const std::string& message) {
-  static const char* const kHeads[] = {"updater:", "updater (", "updater(",
-                                       "updater UpdateRsyncdConf("};
-  for (const char* head : kHeads) {
-    const size_t length = strlen(head);
-    if (message.compare(0, length, head) != 0) continue;
-    size_t end = length;
-    while (end < message.size() && isdigit(static_cast<unsigned char>(message[end]))) ++end;
-    if (end == length) continue;
-    return message.substr(0, length) + "N" + message.substr(end);
-  }
-  return message;
-}
-
 // The probe's error-priority syslog messages of a run.
 std::vector<std::string> ErrorMessages(const RunResult& result) {
-  static const std::string kMarker = " user.err migration_probe: ";
+  static const std::string kError = "user.err ";
   std::vector<std::string> messages;
-  for (const std::string& line : result.syslog) {
-    const size_t at = line.find(kMarker);
-    if (at != std::string::npos) {
-      messages.push_back(WithoutLineNumbers(line.substr(at + kMarker.size())));
+  for (const std::string& message : sandbox_test::ProgramMessages(result, "migration_probe")) {
+    if (message.compare(0, kError.size(), kError) == 0) {
+      messages.push_back(message.substr(kError.size()));
     }
   }
   return messages;
-}
-
-std::string Describe(const RunResult& result) {
-  std::string text = "ok=" + std::to_string(result.ok) + " error=[" + result.error +
-                     "] status=" + std::to_string(result.status) + "\nstdout:\n" + result.out +
-                     "stderr:\n" + result.err + "syslog:\n";
-  for (const std::string& line : result.syslog) text += line + "\n";
-  return text;
 }
 
 // `text` with its first occurrence of `from` replaced by `to`.
@@ -106,19 +63,9 @@ mode_t ModeOf(const std::string& path) {
   return st.st_mode & 07777;
 }
 
-class MigrationTest : public ::testing::Test {
+class MigrationTest : public sandbox_test::SandboxFixture {
  protected:
-  void SetUp() override {
-    const std::string reason = sandbox::Unavailable(sandbox::Tools(), /*need_flash=*/false);
-    if (!reason.empty()) GTEST_SKIP() << reason;
-  }
-
-  void TearDown() override {
-    if (box_ == nullptr) return;
-    std::string error;
-    EXPECT_TRUE(box_->Destroy(HasFailure(), &error)) << error;
-    box_.reset();
-  }
+  MigrationTest() : SandboxFixture("migration-test") {}
 
   // A sandbox with the probe and the recording database tools added to
   // `scenario` (its roots carry the event texts of sim/texts); null after a
@@ -128,15 +75,7 @@ class MigrationTest : public ::testing::Test {
     scenario.files.push_back({"/usr/velt/pgsql/bin/psql", kRecordingDbTool, "", 0755});
     scenario.files.push_back({"/usr/velt/pgsql/bin/dropdb", kRecordingDbTool, "", 0755});
     scenario.files.push_back({kDbCallLog, "", "", 0666});
-    const std::string dir = NewSandboxDir();
-    std::string error;
-    box_ = Sandbox::Create(dir, scenario, sandbox::Tools(), &error);
-    if (box_ == nullptr) {
-      ADD_FAILURE() << "Create(" << dir << "): " << error;
-      std::string ignored;
-      sandbox::DestroyDir(dir, &ignored);
-    }
-    return box_.get();
+    return SandboxFixture::Build(scenario);
   }
 
   // Runs the probe with `words`; the sandbox's own part must succeed.
@@ -151,11 +90,6 @@ class MigrationTest : public ::testing::Test {
     return result;
   }
 
-  std::string Root(const std::string& path) const {
-    std::string content;
-    return box_->ReadRootFile(path, &content) ? content : "<missing>";
-  }
-
   bool RootExists(const std::string& path) const {
     return std::filesystem::exists(std::filesystem::symlink_status(box_->RootPath(path)));
   }
@@ -168,43 +102,42 @@ class MigrationTest : public ::testing::Test {
   // The texts of the update log's lines (after the time and the tab).
   std::vector<std::string> UpdateLogTexts() const {
     std::vector<std::string> texts;
-    for (const std::string& line : Lines(Root("/var/log/veltupdate.log"))) {
+    for (const std::string& line : SplitLines(RootFile("/var/log/veltupdate.log"))) {
       const size_t tab = line.find('\t');
-      texts.push_back(WithoutLineNumbers(tab == std::string::npos ? line : line.substr(tab + 1)));
+      texts.push_back(testing_support::WithoutLineNumber(
+          tab == std::string::npos ? line : line.substr(tab + 1)));
     }
     return texts;
   }
-
-  std::unique_ptr<Sandbox> box_;
 };
 
 // ------------------------------------------------------------ FTP accounts
 
 TEST_F(MigrationTest, AccountsMissingGetFiveLinesFtpAboveAnonymousAndSecondRunAddsNothing) {
   ASSERT_NE(Build(Scenario()), nullptr);
-  const std::string passwd = Root("/etc/passwd");
-  const std::string shadow = Root("/etc/shadow");
-  const std::string group = Root("/etc/group");
+  const std::string passwd = RootFile("/etc/passwd");
+  const std::string shadow = RootFile("/etc/shadow");
+  const std::string group = RootFile("/etc/group");
 
   RunResult result = Probe({"UPDTAddFtpUserGroup"});
 
   EXPECT_EQ(result.out, "UPDTAddFtpUserGroup 0\n");
-  EXPECT_EQ(Root("/etc/group"), kGroupFtp + group);
-  EXPECT_EQ(Root("/etc/passwd"), kPasswdFtp + (kPasswdAnonymous + passwd));
-  EXPECT_EQ(Root("/etc/shadow"), kShadowFtp + (kShadowAnonymous + shadow));
+  EXPECT_EQ(RootFile("/etc/group"), kGroupFtp + group);
+  EXPECT_EQ(RootFile("/etc/passwd"), kPasswdFtp + (kPasswdAnonymous + passwd));
+  EXPECT_EQ(RootFile("/etc/shadow"), kShadowFtp + (kShadowAnonymous + shadow));
   EXPECT_EQ(ErrorMessages(result), std::vector<std::string>{});
   // The rewritten files keep their modes; the shadow file stays private.
   EXPECT_EQ(ModeOf(box_->RootPath("/etc/shadow")), 0600u);
   EXPECT_EQ(ModeOf(box_->RootPath("/etc/passwd")), 0644u);
 
-  const std::string first_passwd = Root("/etc/passwd");
-  const std::string first_shadow = Root("/etc/shadow");
-  const std::string first_group = Root("/etc/group");
+  const std::string first_passwd = RootFile("/etc/passwd");
+  const std::string first_shadow = RootFile("/etc/shadow");
+  const std::string first_group = RootFile("/etc/group");
   result = Probe({"UPDTAddFtpUserGroup"});
   EXPECT_EQ(result.out, "UPDTAddFtpUserGroup 0\n");
-  EXPECT_EQ(Root("/etc/passwd"), first_passwd);
-  EXPECT_EQ(Root("/etc/shadow"), first_shadow);
-  EXPECT_EQ(Root("/etc/group"), first_group);
+  EXPECT_EQ(RootFile("/etc/passwd"), first_passwd);
+  EXPECT_EQ(RootFile("/etc/shadow"), first_shadow);
+  EXPECT_EQ(RootFile("/etc/group"), first_group);
 }
 
 TEST_F(MigrationTest, UserCreatedFtpGroupBecomesFirstFreeNameAndSystemGroupIsAdded) {
@@ -221,7 +154,7 @@ TEST_F(MigrationTest, UserCreatedFtpGroupBecomesFirstFreeNameAndSystemGroupIsAdd
       Probe({"UPDTAddFtpUserGroup", "VELTLogExport", "1", "enu", "/tmp/events.txt"});
 
   EXPECT_EQ(result.out, "UPDTAddFtpUserGroup 0\nVELTLogExport 1\n") << Describe(result);
-  EXPECT_EQ(Root("/etc/group"),
+  EXPECT_EQ(RootFile("/etc/group"),
             "ftp:x:21:nobody,ftp,nobody\n"
             "root:x:0:\n"
             "ftp2:x:1025:nobody,bob,nobody\n"
@@ -229,12 +162,12 @@ TEST_F(MigrationTest, UserCreatedFtpGroupBecomesFirstFreeNameAndSystemGroupIsAdd
             "ftp1:x:1026:nobody,nobody\n");
   // The rename is in the system event log: the raw record holds the event
   // code and the two names, each with its 16-bit length...
-  const std::string raw = Root("/var/log/veltsys.log");
+  const std::string raw = RootFile("/var/log/veltsys.log");
   EXPECT_NE(raw.find(std::string("\x11\x80\x06\x02", 4)), std::string::npos);
   EXPECT_NE(raw.find(std::string("\0\3ftp\0\4ftp2", 11)), std::string::npos);
   // ...and the export shows the event's text with them.
-  const std::vector<std::string> lines = Lines(Root("/tmp/events.txt"));
-  ASSERT_EQ(lines.size(), 1u) << Root("/tmp/events.txt");
+  const std::vector<std::string> lines = SplitLines(RootFile("/tmp/events.txt"));
+  ASSERT_EQ(lines.size(), 1u) << RootFile("/tmp/events.txt");
   EXPECT_NE(lines[0].find("\tGroup [ftp] was renamed to [ftp2].\t"), std::string::npos) << lines[0];
 }
 
@@ -246,14 +179,14 @@ TEST_F(MigrationTest, SystemFtpGroupIsLeftAloneAndNoGroupLineIsAdded) {
       "users:x:100:admin,guest\n";
   scenario.files.push_back({"/etc/group", group, "", 0644});
   ASSERT_NE(Build(scenario), nullptr);
-  const std::string passwd = Root("/etc/passwd");
+  const std::string passwd = RootFile("/etc/passwd");
 
   const RunResult result = Probe({"UPDTAddFtpUserGroup"});
 
   EXPECT_EQ(result.out, "UPDTAddFtpUserGroup 0\n");
-  EXPECT_EQ(Root("/etc/group"), group);
-  EXPECT_EQ(Root("/etc/passwd"), kPasswdFtp + (kPasswdAnonymous + passwd));
-  EXPECT_EQ(Root("/var/log/veltsys.log"), "<missing>");
+  EXPECT_EQ(RootFile("/etc/group"), group);
+  EXPECT_EQ(RootFile("/etc/passwd"), kPasswdFtp + (kPasswdAnonymous + passwd));
+  EXPECT_EQ(RootFile("/var/log/veltsys.log"), "<missing>");
 }
 
 TEST_F(MigrationTest, UserCreatedAnonymousIsRenamedBeforeSystemUserIsAdded) {
@@ -274,19 +207,20 @@ TEST_F(MigrationTest, UserCreatedAnonymousIsRenamedBeforeSystemUserIsAdded) {
       Probe({"UPDTAddFtpUserGroup", "VELTLogExport", "1", "enu", "/tmp/events.txt"});
 
   EXPECT_EQ(result.out, "UPDTAddFtpUserGroup 0\nVELTLogExport 1\n") << Describe(result);
-  EXPECT_EQ(Root("/etc/passwd"), std::string(kPasswdFtp) + kPasswdAnonymous +
-                                     "root:x:0:0:root:/root:/bin/sh\n"
-                                     "admin:x:1024:100:System default user:/home/admin:/bin/sh\n"
-                                     "anonymous1:x:1030:100:Visitor:/home/anonymous:/bin/sh\n");
-  EXPECT_EQ(Root("/etc/shadow"), std::string(kShadowFtp) + kShadowAnonymous +
-                                     "root::10933:0:99999:7:::\n"
-                                     "admin::10933:0:99999:7:::\n"
-                                     "anonymous1:$1$ab$cdefgh:12000:0:99999:7:::\n");
-  const std::string raw = Root("/var/log/veltsys.log");
+  EXPECT_EQ(RootFile("/etc/passwd"),
+            std::string(kPasswdFtp) + kPasswdAnonymous +
+                "root:x:0:0:root:/root:/bin/sh\n"
+                "admin:x:1024:100:System default user:/home/admin:/bin/sh\n"
+                "anonymous1:x:1030:100:Visitor:/home/anonymous:/bin/sh\n");
+  EXPECT_EQ(RootFile("/etc/shadow"), std::string(kShadowFtp) + kShadowAnonymous +
+                                         "root::10933:0:99999:7:::\n"
+                                         "admin::10933:0:99999:7:::\n"
+                                         "anonymous1:$1$ab$cdefgh:12000:0:99999:7:::\n");
+  const std::string raw = RootFile("/var/log/veltsys.log");
   EXPECT_NE(raw.find(std::string("\x11\x80\x0E\x02", 4)), std::string::npos);
   EXPECT_NE(raw.find(std::string("\0\11anonymous\0\12anonymous1", 23)), std::string::npos);
-  const std::vector<std::string> lines = Lines(Root("/tmp/events.txt"));
-  ASSERT_EQ(lines.size(), 1u) << Root("/tmp/events.txt");
+  const std::vector<std::string> lines = SplitLines(RootFile("/tmp/events.txt"));
+  ASSERT_EQ(lines.size(), 1u) << RootFile("/tmp/events.txt");
   EXPECT_NE(lines[0].find("\tUser [anonymous] was renamed to [anonymous1].\t"), std::string::npos)
       << lines[0];
 }
@@ -295,16 +229,17 @@ TEST_F(MigrationTest, SystemUsersAreNotRenamedAndRenameOfMissingUserDoesNothing)
   Scenario scenario;
   // admin (1024) is a system account by id; guest (1025) is user-created.
   ASSERT_NE(Build(scenario), nullptr);
-  const std::string passwd = Root("/etc/passwd");
-  const std::string shadow = Root("/etc/shadow");
+  const std::string passwd = RootFile("/etc/passwd");
+  const std::string shadow = RootFile("/etc/shadow");
 
   const RunResult result = Probe({"UPDTRenameConflictUser", "admin", "UPDTRenameConflictUser",
                                   "nosuch", "UPDTRenameConflictUser", "guest"});
 
   EXPECT_EQ(result.out,
             "UPDTRenameConflictUser 0\nUPDTRenameConflictUser 0\nUPDTRenameConflictUser 0\n");
-  EXPECT_EQ(Root("/etc/passwd"), Replaced(passwd, "\nguest:x:1025:100:", "\nguest1:x:1025:100:"));
-  EXPECT_EQ(Root("/etc/shadow"), Replaced(shadow, "\nguest:*:", "\nguest1:*:"));
+  EXPECT_EQ(RootFile("/etc/passwd"),
+            Replaced(passwd, "\nguest:x:1025:100:", "\nguest1:x:1025:100:"));
+  EXPECT_EQ(RootFile("/etc/shadow"), Replaced(shadow, "\nguest:*:", "\nguest1:*:"));
 }
 
 TEST_F(MigrationTest, FailedInsertionNamesShadowFileSkipsShadowAndCounts) {
@@ -312,9 +247,9 @@ TEST_F(MigrationTest, FailedInsertionNamesShadowFileSkipsShadowAndCounts) {
   // "/etc/passwd.tmp" cannot be created: the passwd insertions fail.
   scenario.files.push_back({"/etc/passwd.tmp/blocker", "x", "", 0644});
   ASSERT_NE(Build(scenario), nullptr);
-  const std::string passwd = Root("/etc/passwd");
-  const std::string shadow = Root("/etc/shadow");
-  const std::string group = Root("/etc/group");
+  const std::string passwd = RootFile("/etc/passwd");
+  const std::string shadow = RootFile("/etc/shadow");
+  const std::string group = RootFile("/etc/group");
 
   const RunResult result = Probe({"set", "gblCfgFtpUser", "1", "UPDTUpdateConfig"});
 
@@ -325,9 +260,9 @@ TEST_F(MigrationTest, FailedInsertionNamesShadowFileSkipsShadowAndCounts) {
   EXPECT_EQ(ErrorMessages(result), expected) << Describe(result);
   EXPECT_EQ(UpdateLogTexts(), expected);
   // The group line went in before; the shadow line of the failed user not.
-  EXPECT_EQ(Root("/etc/group"), kGroupFtp + group);
-  EXPECT_EQ(Root("/etc/passwd"), passwd);
-  EXPECT_EQ(Root("/etc/shadow"), shadow);
+  EXPECT_EQ(RootFile("/etc/group"), kGroupFtp + group);
+  EXPECT_EQ(RootFile("/etc/passwd"), passwd);
+  EXPECT_EQ(RootFile("/etc/shadow"), shadow);
 }
 
 TEST_F(MigrationTest, UnreadableUserCreatedGroupEndsStepBeforeAnyInsertion) {
@@ -336,7 +271,7 @@ TEST_F(MigrationTest, UnreadableUserCreatedGroupEndsStepBeforeAnyInsertion) {
   const std::string group = "root:x:0:\nftp:x:1025:nobody:extra\n";
   scenario.files.push_back({"/etc/group", group, "", 0644});
   ASSERT_NE(Build(scenario), nullptr);
-  const std::string passwd = Root("/etc/passwd");
+  const std::string passwd = RootFile("/etc/passwd");
 
   const RunResult result = Probe({"UPDTAddFtpUserGroup"});
 
@@ -344,8 +279,8 @@ TEST_F(MigrationTest, UnreadableUserCreatedGroupEndsStepBeforeAnyInsertion) {
   EXPECT_EQ(ErrorMessages(result),
             std::vector<std::string>{"updater (N) Failed to VELTGroupGet() group [ftp]."})
       << Describe(result);
-  EXPECT_EQ(Root("/etc/group"), group);
-  EXPECT_EQ(Root("/etc/passwd"), passwd);
+  EXPECT_EQ(RootFile("/etc/group"), group);
+  EXPECT_EQ(RootFile("/etc/passwd"), passwd);
 }
 
 // ------------------------------------------------------------ UPDTUpdateConfig
@@ -371,9 +306,9 @@ TEST_F(MigrationTest, EachFlagRemovesOnlyItsFilesAndAlwaysRemovedFilesGo) {
   scenario.files.push_back({"/writeable/configs/veltinfo.conf", "a=\"1\"\n", "", 0644});
   scenario.files.push_back({"/writeable/logs/messages", "log\n", "", 0644});
   ASSERT_NE(Build(scenario), nullptr);
-  const std::string passwd = Root("/etc/passwd");
-  const std::string shadow = Root("/etc/shadow");
-  const std::string group = Root("/etc/group");
+  const std::string passwd = RootFile("/etc/passwd");
+  const std::string shadow = RootFile("/etc/shadow");
+  const std::string group = RootFile("/etc/group");
 
   for (const FlagCase& c : cases) {
     SCOPED_TRACE(std::string("flag [") + c.flag + "]");
@@ -399,7 +334,8 @@ TEST_F(MigrationTest, EachFlagRemovesOnlyItsFilesAndAlwaysRemovedFilesGo) {
     }
     for (const char* path : kAlwaysRemoved) EXPECT_FALSE(RootExists(path)) << path;
     const bool accounts = std::string(c.flag) == "gblCfgFtpUser";
-    EXPECT_EQ(Root("/etc/passwd"), accounts ? kPasswdFtp + (kPasswdAnonymous + passwd) : passwd);
+    EXPECT_EQ(RootFile("/etc/passwd"),
+              accounts ? kPasswdFtp + (kPasswdAnonymous + passwd) : passwd);
     EXPECT_EQ(RootExists("/volume1/s@vedconfig"), std::string(c.flag) == "gblCfgRcFstab");
   }
 }
@@ -413,7 +349,7 @@ TEST_F(MigrationTest, FilesAlreadyMissingAreNoFailure) {
 
   EXPECT_EQ(result.out, "UPDTUpdateConfig 0\n");
   EXPECT_EQ(ErrorMessages(result), std::vector<std::string>{});
-  EXPECT_EQ(Root("/var/log/veltupdate.log"), "<missing>");
+  EXPECT_EQ(RootFile("/var/log/veltupdate.log"), "<missing>");
 }
 
 TEST_F(MigrationTest, OldConfigurationAndLogsAreCopiedToTheRunVolume) {
@@ -431,16 +367,16 @@ TEST_F(MigrationTest, OldConfigurationAndLogsAreCopiedToTheRunVolume) {
   EXPECT_EQ(ErrorMessages(result), std::vector<std::string>{});
   EXPECT_FALSE(RootExists("/etc/rc"));
   EXPECT_FALSE(RootExists("/etc/fstab"));
-  EXPECT_EQ(Root("/volume1/s@vedconfig/veltinfo.conf"), "a=\"1\"\n");
+  EXPECT_EQ(RootFile("/volume1/s@vedconfig/veltinfo.conf"), "a=\"1\"\n");
   EXPECT_EQ(ModeOf(box_->RootPath("/volume1/s@vedconfig/veltinfo.conf")), 0640u);
-  EXPECT_EQ(Root("/volume1/s@vedconfig/sub/hosts"), "127.0.0.1 filebay\n");
-  EXPECT_EQ(Root("/volume1/s@vedconfig/messages"), "old log\n");
+  EXPECT_EQ(RootFile("/volume1/s@vedconfig/sub/hosts"), "127.0.0.1 filebay\n");
+  EXPECT_EQ(RootFile("/volume1/s@vedconfig/messages"), "old log\n");
 
   result = Probe({"set", "gszVolume", "/volume2", "set", "gblCfgRcFstab", "1", "UPDTUpdateConfig"});
 
   EXPECT_EQ(result.out, "UPDTUpdateConfig 0\n") << Describe(result);
-  EXPECT_EQ(Root("/volume2/s@vedconfig/veltinfo.conf"), "a=\"1\"\n");
-  EXPECT_EQ(Root("/volume2/s@vedconfig/messages"), "old log\n");
+  EXPECT_EQ(RootFile("/volume2/s@vedconfig/veltinfo.conf"), "a=\"1\"\n");
+  EXPECT_EQ(RootFile("/volume2/s@vedconfig/messages"), "old log\n");
 }
 
 TEST_F(MigrationTest, FailedCopyCountsWithItsCommandInTheMessage) {
@@ -460,7 +396,7 @@ TEST_F(MigrationTest, FailedCopyCountsWithItsCommandInTheMessage) {
             0u)
       << messages[0];
   // What could be copied was copied.
-  EXPECT_EQ(Root("/volume1/s@vedconfig/veltinfo.conf"), "a=\"1\"\n");
+  EXPECT_EQ(RootFile("/volume1/s@vedconfig/veltinfo.conf"), "a=\"1\"\n");
 }
 
 TEST_F(MigrationTest, CrontabFiltersDropExactlyTheVacuumAndHtmlLines) {
@@ -480,7 +416,7 @@ TEST_F(MigrationTest, CrontabFiltersDropExactlyTheVacuumAndHtmlLines) {
   const RunResult result = Probe({"UPDTUpdateConfig"});
 
   EXPECT_EQ(result.out, "UPDTUpdateConfig 0\n");
-  EXPECT_EQ(Root("/etc/crontab"),
+  EXPECT_EQ(RootFile("/etc/crontab"),
             "#minute\thour\tmday\tmonth\twday\twho\tcommand\n"
             "10 2 * * * root /usr/velt/bin/backup  --all   \n"
             "0 1 * * * root /bin/rm -f /var/log/x.html\n"
@@ -490,7 +426,7 @@ TEST_F(MigrationTest, CrontabFiltersDropExactlyTheVacuumAndHtmlLines) {
 
 TEST_F(MigrationTest, JumboMtuValuesAreLoweredAndOthersLeftIdentical) {
   ASSERT_NE(Build(Scenario()), nullptr);
-  const std::string settings = Root("/etc/veltinfo.conf");
+  const std::string settings = RootFile("/etc/veltinfo.conf");
   ASSERT_NE(settings.find("MTUValue=\"1500\"\n"), std::string::npos) << settings;
   const std::string without_mtu = Replaced(settings, "MTUValue=\"1500\"\n", "");
   const struct {
@@ -514,7 +450,7 @@ TEST_F(MigrationTest, JumboMtuValuesAreLoweredAndOthersLeftIdentical) {
     const RunResult result = Probe({"set", "gblCfgMTU", c.flag, "UPDTUpdateConfig"});
 
     EXPECT_EQ(result.out, "UPDTUpdateConfig 0\n");
-    EXPECT_EQ(Root("/etc/veltinfo.conf"), c.after);
+    EXPECT_EQ(RootFile("/etc/veltinfo.conf"), c.after);
   }
 }
 
@@ -544,8 +480,8 @@ TEST_F(MigrationTest, CountingFailureGivesMinusOneAndLaterStepsStillRun) {
   EXPECT_TRUE(RootExists("/etc/profile/profile.d"));
   EXPECT_FALSE(RootExists("/usr/velt/etc/rc.d/S78JumboFrame.sh"));
   EXPECT_FALSE(RootExists("/usr/velt/etc/manutil.conf"));
-  EXPECT_EQ(Root("/etc/crontab"), "1 1 * * * root ls\n");
-  EXPECT_NE(Root("/etc/veltinfo.conf").find("\nMTUValue=\"8000\"\n"), std::string::npos);
+  EXPECT_EQ(RootFile("/etc/crontab"), "1 1 * * * root ls\n");
+  EXPECT_NE(RootFile("/etc/veltinfo.conf").find("\nMTUValue=\"8000\"\n"), std::string::npos);
 
   // Without the profile failure, the php.ini failure alone does not count.
   std::filesystem::remove_all(box_->RootPath("/etc/profile"));
@@ -585,7 +521,7 @@ TEST_F(MigrationTest, FtpPassiveRangeIsCutTo1024PortsOnlyWhenWider) {
       {"60000", "50000", nullptr}, {"1025", "65535", "2048"},
   };
   ASSERT_NE(Build(Scenario()), nullptr);
-  const std::string base = Root("/etc/veltinfo.conf");
+  const std::string base = RootFile("/etc/veltinfo.conf");
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.low) + "-" + c.high);
     const std::string before = base + "ftplowport=\"" + c.low + "\"\nftphighport=\"" + c.high +
@@ -599,24 +535,24 @@ TEST_F(MigrationTest, FtpPassiveRangeIsCutTo1024PortsOnlyWhenWider) {
         c.written == nullptr ? before
                              : Replaced(before, std::string("ftphighport=\"") + c.high + "\"",
                                         std::string("ftphighport=\"") + c.written + "\"");
-    EXPECT_EQ(Root("/etc/veltinfo.conf"), expected);
+    EXPECT_EQ(RootFile("/etc/veltinfo.conf"), expected);
   }
 }
 
 TEST_F(MigrationTest, FtpPassiveRangeWithMissingKeysOrUnreadableFile) {
   ASSERT_NE(Build(Scenario()), nullptr);
-  const std::string base = Root("/etc/veltinfo.conf");
+  const std::string base = RootFile("/etc/veltinfo.conf");
   // A missing low port reads as 0: 0..65535 is cut to 0..1023.
   PutRoot("/etc/veltinfo.conf", base + "ftphighport=\"65535\"\n");
   RunResult result = Probe({"UpdateFTPPassivePortRange"});
   EXPECT_EQ(result.out, "UpdateFTPPassivePortRange 0\n");
-  EXPECT_EQ(Root("/etc/veltinfo.conf"), base + "ftphighport=\"1023\"\n");
+  EXPECT_EQ(RootFile("/etc/veltinfo.conf"), base + "ftphighport=\"1023\"\n");
 
   // Neither key: a range of one port, untouched.
   PutRoot("/etc/veltinfo.conf", base);
   result = Probe({"UpdateFTPPassivePortRange"});
   EXPECT_EQ(result.out, "UpdateFTPPassivePortRange 0\n");
-  EXPECT_EQ(Root("/etc/veltinfo.conf"), base);
+  EXPECT_EQ(RootFile("/etc/veltinfo.conf"), base);
 
   std::filesystem::remove(box_->RootPath("/etc/veltinfo.conf"));
   result = Probe({"UpdateFTPPassivePortRange"});
@@ -648,14 +584,14 @@ TEST_F(MigrationTest, RsyncdConfGetsNoChrootAfterLockFileOnceAndMode0644) {
       "log file = /var/log/rsyncd.log\n"
       "[NetBackup]\n"
       "path = /volume1/NetBackup\n";
-  EXPECT_EQ(Root("/etc/rsyncd.conf"), expected);
+  EXPECT_EQ(RootFile("/etc/rsyncd.conf"), expected);
   EXPECT_EQ(ModeOf(box_->RootPath("/etc/rsyncd.conf")), 0644u);
 
   // A second run only re-modes the file.
   ASSERT_EQ(chmod(box_->RootPath("/etc/rsyncd.conf").c_str(), 0600), 0);
   result = Probe({"UpdateRsyncdConf"});
   EXPECT_EQ(result.out, "UpdateRsyncdConf 0\n");
-  EXPECT_EQ(Root("/etc/rsyncd.conf"), expected);
+  EXPECT_EQ(RootFile("/etc/rsyncd.conf"), expected);
   EXPECT_EQ(ModeOf(box_->RootPath("/etc/rsyncd.conf")), 0644u);
   EXPECT_EQ(ErrorMessages(result), std::vector<std::string>{});
 }
@@ -671,7 +607,7 @@ TEST_F(MigrationTest, RsyncdConfWithoutLockFileLineOrFileFails) {
             std::vector<std::string>{
                 "updater UpdateRsyncdConf(N) : SLIBFileAddLine(szFile=[/etc/rsyncd.conf] "
                 "szKey=[NetBackup] szLine=[use chroot = no] flag=OP_FIND_PREFIX) fail"});
-  EXPECT_EQ(Root("/etc/rsyncd.conf"), "uid = root\n");
+  EXPECT_EQ(RootFile("/etc/rsyncd.conf"), "uid = root\n");
   EXPECT_EQ(ModeOf(box_->RootPath("/etc/rsyncd.conf")), 0600u);
 
   std::filesystem::remove(box_->RootPath("/etc/rsyncd.conf"));
@@ -722,7 +658,7 @@ TEST_F(MigrationTest, PhotoDatabaseStatementsRunAsAdminWithExactArguments) {
         {"set", "gPhotoDbUpgrade", c.upgrade, "set", "gblPhotoDbReset", c.reset, "UpdatePhotoDB"});
 
     EXPECT_EQ(result.out, "UpdatePhotoDB 0\n");
-    EXPECT_EQ(Lines(Root(kDbCallLog)), c.calls);
+    EXPECT_EQ(SplitLines(RootFile(kDbCallLog)), c.calls);
     EXPECT_EQ(result.stub_calls, std::vector<std::string>{"/usr/velt/bin/veltindex -R all"});
     EXPECT_EQ(ErrorMessages(result),
               c.video_message ? std::vector<std::string>{"Update photo db to add video tables"}

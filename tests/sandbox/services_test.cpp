@@ -3,18 +3,17 @@
 // sandboxes: stub service scripts and daemons, a private process table and
 // an "eth0" whose driver reports a chosen link speed.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <memory>
 #include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "sandbox_test_support.h"
 #include "sim/sandbox.h"
 #include "test_support.h"
 
@@ -24,6 +23,8 @@ using sandbox::RunResult;
 using sandbox::Sandbox;
 using sandbox::Scenario;
 using Lines = std::vector<std::string>;
+using sandbox_test::Describe;
+using sandbox_test::SplitLines;
 
 constexpr char kProbe[] = "/sdk_probe";
 constexpr char kRc[] = "/usr/velt/etc/rc.d/";
@@ -61,13 +62,6 @@ Lines Concat(std::initializer_list<Lines> parts) {
   return all;
 }
 
-Lines SplitLines(const std::string& text) {
-  Lines lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) lines.push_back(line);
-  return lines;
-}
-
 // The probe's result lines ("<call>: result <r> error <code>").
 Lines ProbeResults(const RunResult& result) {
   Lines lines;
@@ -77,24 +71,10 @@ Lines ProbeResults(const RunResult& result) {
   return lines;
 }
 
-// The probe's syslog lines as "<facility.priority> <text>", with the source
-// line number of the message ("Function(123)") replaced by "L".
-Lines ProbeSyslog(const RunResult& result) {
-  Lines lines;
-  for (const std::string& line : result.syslog) {
-    const size_t host = line.find(" filebay ");
-    if (host == std::string::npos || line.find(" sdk_probe: ") == std::string::npos) continue;
-    std::string text = line.substr(host + 9);
-    for (size_t open = text.find('('); open != std::string::npos; open = text.find('(', open + 1)) {
-      const size_t close = text.find_first_not_of("0123456789", open + 1);
-      if (close != std::string::npos && close > open + 1 && text[close] == ')') {
-        text.replace(open + 1, close - open - 1, "L");
-        break;
-      }
-    }
-    lines.push_back(text);
-  }
-  return lines;
+// The probe's syslog messages as "<facility.priority> <message>", the source
+// line number of the message replaced by "N".
+Lines ProbeMessages(const RunResult& result) {
+  return sandbox_test::ProgramMessages(result, "sdk_probe");
 }
 
 // True for a time written with "%Y/%m/%d %H:%M:%S".
@@ -151,56 +131,30 @@ sandbox::RootFile StubDaemon(const std::string& program) {
   return {program, script, "", 0755};
 }
 
-std::string Describe(const RunResult& result) {
-  std::string text = "ok=" + std::to_string(result.ok) + " error=[" + result.error +
-                     "] status=" + std::to_string(result.status) + "\nstdout:\n" + result.out +
-                     "stderr:\n" + result.err + "syslog:\n";
-  for (const std::string& line : result.syslog) text += line + "\n";
-  text += "stub calls:\n";
-  for (const std::string& line : result.stub_calls) text += line + "\n";
-  return text;
-}
-
-std::string NewSandboxDir() {
-  const char* base = getenv("TMPDIR");
-  std::string pattern =
-      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/services-test-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) return "";
-  return pattern;
-}
-
-class ServicesTest : public ::testing::Test {
+class ServicesTest : public sandbox_test::SandboxFixture {
  protected:
-  void SetUp() override {
-    const std::string reason = sandbox::Unavailable(sandbox::Tools(), /*need_flash=*/false);
-    if (!reason.empty()) GTEST_SKIP() << reason;
-  }
-
-  void TearDown() override {
-    if (box_ == nullptr) return;
-    std::string error;
-    EXPECT_TRUE(box_->Destroy(HasFailure(), &error)) << error;
-    box_.reset();
-  }
+  ServicesTest() : SandboxFixture("services-test") {}
 
   // A sandbox with the probe at /sdk_probe; null after a recorded failure.
   Sandbox* Build(Scenario scenario) {
     scenario.files.push_back({kProbe, "", SDK_PROBE, 0});
-    const std::string dir = NewSandboxDir();
-    std::string error;
-    box_ = Sandbox::Create(dir, scenario, sandbox::Tools(), &error);
-    if (box_ == nullptr) {
-      ADD_FAILURE() << "Create(" << dir << "): " << error;
-      std::string ignored;
-      sandbox::DestroyDir(dir, &ignored);
-    }
-    return box_.get();
+    return SandboxFixture::Build(scenario);
   }
 
   RunResult Shell(const std::string& script) {
     sandbox::RunOptions options;
     options.timeout_seconds = 60;
     return box_->Run({"/bin/sh", "-c", script}, options);
+  }
+
+  // Shell, and how many whole seconds the run took.
+  RunResult TimedShell(const std::string& script, long* seconds) {
+    const auto begin = std::chrono::steady_clock::now();
+    RunResult result = Shell(script);
+    *seconds = static_cast<long>(
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - begin)
+            .count());
+    return result;
   }
 
   // Replaces the busybox link /sbin/ifconfig by a script that records its
@@ -214,14 +168,6 @@ class ServicesTest : public ::testing::Test {
                                "exec /bin/busybox ifconfig \"$@\"\n");
     return chmod(path.c_str(), 0755) == 0;
   }
-
-  std::string RootFile(const std::string& path) {
-    std::string content;
-    if (!box_->ReadRootFile(path, &content)) return "<missing>";
-    return content;
-  }
-
-  std::unique_ptr<Sandbox> box_;
 };
 
 // Every switch on, the SMB and FTP daemons running.
@@ -271,7 +217,7 @@ TEST_F(ServicesTest, StopAllThenStartAllRunEveryServiceInOrder) {
   for (const char* name : {"smbd", "nmbd", "ftpd"}) {
     EXPECT_EQ(LiveProcesses(result.out, name), std::set<int>()) << name;
   }
-  EXPECT_EQ(ProbeSyslog(result), Lines());
+  EXPECT_EQ(ProbeMessages(result), Lines());
 }
 
 TEST_F(ServicesTest, BadArgumentsFailBeforeAnyLockAndOtherOpsDoNothing) {
@@ -286,8 +232,8 @@ TEST_F(ServicesTest, BadArgumentsFailBeforeAnyLockAndOtherOpsDoNothing) {
             (Lines{"netservice 0 1: result -1 error D00", "netservice -1 5: result -1 error D00",
                    "control 3: result 0 error 0", "control 4: result 0 error 0",
                    "events 3 64509: result -1 error 0", "events 0 64509: result -1 error 0"}));
-  EXPECT_EQ(ProbeSyslog(result), (Lines{"user.err sdk_probe: VELTNetService(L):  bad parameter",
-                                        "user.err sdk_probe: VELTNetService(L):  bad parameter"}));
+  EXPECT_EQ(ProbeMessages(result), (Lines{"user.err VELTNetService(N):  bad parameter",
+                                          "user.err VELTNetService(N):  bad parameter"}));
   EXPECT_EQ(result.stub_calls, Lines());
   EXPECT_FALSE(testing_support::FileExists(box_->RootPath("/tmp/lock")));
   EXPECT_FALSE(testing_support::FileExists(box_->RootPath("/var/log/veltsys.log")));
@@ -456,25 +402,25 @@ TEST_F(ServicesTest, HeldLocksMakeEveryWriterFailWithoutTouchingAnything) {
   EXPECT_EQ(ProbeResults(result),
             (Lines{"control 1: result -1 error 400", "control 2: result -1 error 400",
                    "setkey runftpd no: result -1 error 400", "mtu 1500: result -1 error 400"}));
-  const Lines syslog = ProbeSyslog(result);
+  const Lines syslog = ProbeMessages(result);
   ASSERT_EQ(syslog.size(), 8u) << Describe(result);
-  EXPECT_EQ(syslog[0], "user.err sdk_probe: VELTNetService(L): lock failed");
-  EXPECT_EQ(syslog[1], "user.err sdk_probe: ErrNetServiceStop(L): VELTNetService return -1");
+  EXPECT_EQ(syslog[0], "user.err VELTNetService(N): lock failed");
+  EXPECT_EQ(syslog[1], "user.err ErrNetServiceStop(N): VELTNetService return -1");
   // Both operations say "stop"; the errno text depends on the last failure.
-  EXPECT_EQ(syslog[2].rfind("user.err sdk_probe: sdk/veltservice(L)Failed to stop net  "
+  EXPECT_EQ(syslog[2].rfind("user.err sdk/veltservice(N)Failed to stop net  "
                             "error=1024 ,strerr=",
                             0),
             0u)
       << syslog[2];
-  EXPECT_EQ(syslog[3], "user.err sdk_probe: VELTNetService(L): lock failed");
-  EXPECT_EQ(syslog[4], "user.err sdk_probe: ErrNetServiceStart(L): VELTNetService return -1");
-  EXPECT_EQ(syslog[5].rfind("user.err sdk_probe: sdk/veltservice(L)Failed to stop net  "
+  EXPECT_EQ(syslog[3], "user.err VELTNetService(N): lock failed");
+  EXPECT_EQ(syslog[4], "user.err ErrNetServiceStart(N): VELTNetService return -1");
+  EXPECT_EQ(syslog[5].rfind("user.err sdk/veltservice(N)Failed to stop net  "
                             "error=1024 ,strerr=",
                             0),
             0u)
       << syslog[5];
-  EXPECT_EQ(syslog[6], "user.err sdk_probe: VELTNetSetMTUValue(L): Can not get EthInfo(A00).");
-  EXPECT_EQ(syslog[7], "user.err sdk_probe: sdk/veltnet1 (L) Failed to lock veltinfo(400)");
+  EXPECT_EQ(syslog[6], "user.err VELTNetSetMTUValue(N): Can not get EthInfo(A00).");
+  EXPECT_EQ(syslog[7], "user.err sdk/veltnet1 (N) Failed to lock veltinfo(400)");
   EXPECT_EQ(result.stub_calls, Lines());
   EXPECT_EQ(RootFile("/etc/veltinfo.conf"), settings);
   EXPECT_FALSE(testing_support::FileExists(box_->RootPath("/var/log/veltsys.log")));
@@ -528,17 +474,15 @@ TEST_F(ServicesTest, MtuOnFastEthernetIsOnlyStored) {
   ASSERT_NE(expected.find("\nMTUValue=\"9000\"\n"), std::string::npos) << expected;
   expected.replace(expected.find("MTUValue=\"9000\""), 15, "MTUValue=\"1500\"");
 
-  const auto begin = std::chrono::steady_clock::now();
-  const RunResult result =
-      Shell(std::string(kProbe) + " mtu 1500; /bin/busybox ifconfig eth0 | grep -o 'MTU:[0-9]*'");
-  const auto seconds =
-      std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - begin)
-          .count();
+  long seconds = 0;
+  const RunResult result = TimedShell(
+      std::string(kProbe) + " mtu 1500; /bin/busybox ifconfig eth0 | grep -o 'MTU:[0-9]*'",
+      &seconds);
 
   ASSERT_EQ(result.status, 0) << Describe(result);
   EXPECT_EQ(result.out, "mtu 1500: result 0 error 0\nMTU:1500\n");
   EXPECT_EQ(result.stub_calls, Lines());
-  EXPECT_EQ(ProbeSyslog(result), Lines());
+  EXPECT_EQ(ProbeMessages(result), Lines());
   EXPECT_EQ(RootFile("/etc/veltinfo.conf"), expected);
   EXPECT_LT(seconds, 4);
 }
@@ -551,12 +495,10 @@ TEST_F(ServicesTest, MtuOnGigabitRunsIfconfigAndStores) {
   std::string expected = RootFile("/etc/veltinfo.conf");
   expected.replace(expected.find("MTUValue=\"1500\""), 15, "MTUValue=\"9000\"");
 
-  const auto begin = std::chrono::steady_clock::now();
-  const RunResult result =
-      Shell(std::string(kProbe) + " mtu 9000; /bin/busybox ifconfig eth0 | grep -o 'MTU:[0-9]*'");
-  const auto seconds =
-      std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - begin)
-          .count();
+  long seconds = 0;
+  const RunResult result = TimedShell(
+      std::string(kProbe) + " mtu 9000; /bin/busybox ifconfig eth0 | grep -o 'MTU:[0-9]*'",
+      &seconds);
 
   ASSERT_EQ(result.status, 0) << Describe(result);
   EXPECT_EQ(result.out, "mtu 9000: result 0 error 0\nMTU:9000\n");
@@ -568,9 +510,9 @@ TEST_F(ServicesTest, MtuOnGigabitRunsIfconfigAndStores) {
   ASSERT_EQ(0, chmod(box_->RootPath("/sbin/ifconfig").c_str(), 0644));
   const RunResult failed = Shell(std::string(kProbe) + " mtu 1500");
   EXPECT_EQ(failed.out, "mtu 1500: result -1 error 2A00\n") << Describe(failed);
-  EXPECT_EQ(ProbeSyslog(failed),
-            (Lines{"user.err sdk_probe: sdk/veltnet1 (L) Failed to ifconfig MTU Value",
-                   "user.err sdk_probe: sdk/veltnet1 (L) Failed to ifconfig MTU Value(2A00)"}));
+  EXPECT_EQ(ProbeMessages(failed),
+            (Lines{"user.err sdk/veltnet1 (N) Failed to ifconfig MTU Value",
+                   "user.err sdk/veltnet1 (N) Failed to ifconfig MTU Value(2A00)"}));
   expected.replace(expected.find("MTUValue=\"9000\""), 15, "MTUValue=\"1500\"");
   EXPECT_EQ(RootFile("/etc/veltinfo.conf"), expected);
 }
@@ -587,8 +529,7 @@ TEST_F(ServicesTest, MtuWithoutEthernetFactsFailsButStores) {
   const RunResult unknown = Shell(std::string(kProbe) + " mtu 4000");
 
   EXPECT_EQ(unknown.out, "mtu 4000: result -1 error 0\n") << Describe(unknown);
-  EXPECT_EQ(ProbeSyslog(unknown),
-            Lines{"user.err sdk_probe: VELTNetSetMTUValue(L): Speed is Unknown(0)."});
+  EXPECT_EQ(ProbeMessages(unknown), Lines{"user.err VELTNetSetMTUValue(N): Speed is Unknown(0)."});
   EXPECT_EQ(unknown.stub_calls, Lines());
   EXPECT_EQ(RootFile("/etc/veltinfo.conf"), expected);
 
@@ -606,8 +547,8 @@ TEST_F(ServicesTest, MtuWithoutEthernetFactsFailsButStores) {
   const RunResult missing = Shell(std::string(kProbe) + " mtu 1500");
 
   EXPECT_EQ(missing.out, "mtu 1500: result -1 error A00\n") << Describe(missing);
-  EXPECT_EQ(ProbeSyslog(missing),
-            Lines{"user.err sdk_probe: VELTNetSetMTUValue(L): Can not get EthInfo(A00)."});
+  EXPECT_EQ(ProbeMessages(missing),
+            Lines{"user.err VELTNetSetMTUValue(N): Can not get EthInfo(A00)."});
   EXPECT_EQ(missing.stub_calls, Lines());
   EXPECT_EQ(RootFile("/etc/veltinfo.conf"), expected);
 }
@@ -639,7 +580,7 @@ TEST_F(ServicesTest, SetKeyValueWritesQuotedLinesForNewAndExistingKeys) {
             "newkey=\"a b\"\n"
             "empty=\"\"\n");
   EXPECT_TRUE(testing_support::FileExists(box_->RootPath("/tmp/lock/lock_veltinfo")));
-  EXPECT_EQ(ProbeSyslog(result), Lines());
+  EXPECT_EQ(ProbeMessages(result), Lines());
 }
 
 }  // namespace

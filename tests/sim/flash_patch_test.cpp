@@ -3,17 +3,13 @@
 // throwaway root, and every case compares the whole chip afterwards.
 #include "updater/flash_patch.h"
 
-#include <ctype.h>
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -26,10 +22,11 @@
 
 #include "lib/slib_error.h"
 #include "lib/unique_fd.h"
+#include "log_lines.h"
 #include "sdk/velt_mtd.h"
 #include "sim/flash_state.h"
 #include "sim_test_chips.h"
-#include "sim_test_programs.h"
+#include "sim_test_mount.h"
 #include "test_support.h"
 #include "updater/patch_plan.h"
 #include "updater/update_run.h"
@@ -37,16 +34,16 @@
 
 namespace {
 
-using sim_test::RunProgram;
-
 using flashsim::ChipState;
 using flashsim::PartitionLayout;
-
-constexpr char kMountPoint[] = "/dev/flash";
+using sim_test::ImageBytes;
+using sim_test::kDevFlash;
+using sim_test::SameChip;
+using testing_support::LoggedMessages;
 
 struct Board {
   const char* name;
-  const char* layout;  // the sandbox's board layout in FLASH_LAYOUT_DIR
+  const char* layout;  // the board layout in FLASH_LAYOUT_DIR
   int junior;
   int fis_device;  // index of the FIS directory partition
 };
@@ -56,76 +53,13 @@ void PrintTo(const Board& board, std::ostream* out) { *out << board.name; }
 
 // Partitions in device order, label patterns as data; on the junior board
 // 0xFFEF0000..0xFFF00000 belongs to no partition.
-const Board kNor8 = {"Nor8", "nor8.layout", 0, 7};
-const Board kJunior6 = {"Junior6", "junior6.layout", 1, 5};
-
-// Makes a state directory from a board layout with filebay-flash; "" or why
-// not.
-std::string CreateChip(const std::string& state, const char* layout, const std::string& scratch);
-
-// Deterministic image contents: xorshift32 bytes from `seed`.
-std::string ImageBytes(uint32_t seed, size_t length) {
-  std::string bytes(length, '\0');
-  uint32_t x = seed == 0 ? 1 : seed;
-  for (char& byte : bytes) {
-    x ^= x << 13;
-    x ^= x >> 17;
-    x ^= x << 5;
-    byte = static_cast<char>(x >> 8);
-  }
-  return bytes;
-}
-
-std::string CreateChip(const std::string& state, const char* layout, const std::string& scratch) {
-  const std::string log = scratch + "/tool.log";
-  const std::string layout_file = std::string(FLASH_LAYOUT_DIR) + "/" + layout;
-  if (RunProgram({FLASH_TOOL, "create", state, layout_file}, log) == 0) return "";
-  return testing_support::ReadFile(log);
-}
-
-// Replaces the digits at `at` (followed by `after`) with "N"; false when
-// there are none.
-bool ReplaceNumber(std::string* text, size_t at, char after) {
-  size_t end = at;
-  while (end < text->size() && isdigit(static_cast<unsigned char>((*text)[end]))) ++end;
-  if (end == at || end >= text->size() || (*text)[end] != after) return false;
-  text->replace(at, end - at, "N");
-  return true;
-}
-
-// Log text with the source lines taken out, so messages compare whatever
-// line they come from: "x.cpp:123(" -> "x.cpp:N(", "Func(123): " -> "Func(N): ".
-std::string WithoutLines(const std::string& text) {
-  std::string result = text;
-  for (size_t at = result.find(".cpp:"); at != std::string::npos;
-       at = result.find(".cpp:", at + 1)) {
-    ReplaceNumber(&result, at + 5, '(');
-  }
-  size_t name = 0;
-  while (name < result.size() &&
-         (isalnum(static_cast<unsigned char>(result[name])) || result[name] == '_')) {
-    ++name;
-  }
-  std::string prefixed = result;
-  if (name > 0 && name < result.size() && result[name] == '(' &&
-      ReplaceNumber(&prefixed, name + 1, ')') && prefixed.compare(name + 2, 3, "): ") == 0) {
-    return prefixed;
-  }
-  return result;
-}
-
-std::vector<std::string> LogLines(int priority) {
-  std::vector<std::string> lines;
-  for (const auto& record : testing_support::SyslogRecords()) {
-    if (priority < 0 || record.first == priority) lines.push_back(WithoutLines(record.second));
-  }
-  return lines;
-}
+const Board kNor8 = {"Nor8", "nor8", 0, 7};
+const Board kJunior6 = {"Junior6", "junior6", 1, 5};
 
 // The log lines (any priority) that contain one of `needles`, in order.
 std::vector<std::string> LogLinesWith(const std::vector<std::string>& needles) {
   std::vector<std::string> lines;
-  for (const std::string& line : LogLines(-1)) {
+  for (const std::string& line : LoggedMessages(-1)) {
     for (const std::string& needle : needles) {
       if (line.find(needle) != std::string::npos) {
         lines.push_back(line);
@@ -137,7 +71,7 @@ std::vector<std::string> LogLinesWith(const std::vector<std::string>& needles) {
 }
 
 bool Logged(int priority, const std::string& line) {
-  const std::vector<std::string> lines = LogLines(priority);
+  const std::vector<std::string> lines = LoggedMessages(priority);
   return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
@@ -146,28 +80,6 @@ std::string Progress() {
   const std::string text = testing_support::ReadFile(UPDT_PROGRESS_FILE);
   const size_t second = text.find(':', 2);
   return second == std::string::npos ? text : text.substr(0, second);
-}
-
-::testing::AssertionResult SameChip(const std::vector<uint8_t>& actual,
-                                    const std::vector<uint8_t>& expected, uint32_t base) {
-  if (actual.size() != expected.size()) {
-    return ::testing::AssertionFailure()
-           << "chip of " << actual.size() << " bytes, expected " << expected.size();
-  }
-  size_t differing = 0;
-  size_t first = 0;
-  size_t last = 0;
-  for (size_t i = 0; i < actual.size(); ++i) {
-    if (actual[i] == expected[i]) continue;
-    if (differing++ == 0) first = i;
-    last = i;
-  }
-  if (differing == 0) return ::testing::AssertionSuccess();
-  char where[160];
-  snprintf(where, sizeof(where),
-           "%zu bytes differ, from 0x%08zX to 0x%08zX (0x%02X, expected 0x%02X)", differing,
-           base + first, base + last, actual[first], expected[first]);
-  return ::testing::AssertionFailure() << where;
 }
 
 struct Extent {
@@ -193,35 +105,15 @@ std::vector<Extent> Extents(const flashsim::ChipLayout& layout) {
   return extents;
 }
 
-struct DirectoryEntry {
-  std::string name;
-  uint32_t flash_base;
-  uint32_t size;
-  uint32_t data_length;
-  bool operator==(const DirectoryEntry& other) const {
-    return name == other.name && flash_base == other.flash_base && size == other.size &&
-           data_length == other.data_length;
-  }
-};
-
-std::ostream& operator<<(std::ostream& out, const DirectoryEntry& entry) {
-  char text[80];
-  snprintf(text, sizeof(text), " 0x%08X 0x%08X 0x%08X", entry.flash_base, entry.size,
-           entry.data_length);
-  return out << entry.name << text;
-}
+using DirectoryEntry = sim_test::FisEntry;
 
 class FlashPatchTest : public ::testing::TestWithParam<Board> {
  protected:
   void SetUp() override {
-    if (std::string(FLASHSIM_DAEMON).empty() || std::string(FLASH_TOOL).empty()) {
-      GTEST_SKIP() << "the flash simulator was not built (libfuse3 is missing)";
-    }
-    const std::string why = testing_support::EnterThrowawayRoot();
+    std::string why = testing_support::EnterThrowawayRoot();
     if (!why.empty()) GTEST_SKIP() << why;
-    if (access("/dev/fuse", R_OK | W_OK) != 0) {
-      GTEST_SKIP() << "/dev/fuse is not usable: " << strerror(errno);
-    }
+    why = sim_test::MountUnavailable();
+    if (!why.empty()) GTEST_SKIP() << why;
     dir_ = std::make_unique<testing_support::TempDir>();
     state_ = dir_->File("state");
     UPDTResetRunState();
@@ -230,9 +122,10 @@ class FlashPatchTest : public ::testing::TestWithParam<Board> {
   }
 
   void TearDown() override {
+    if (dir_ == nullptr) return;  // skipped before the throwaway root was entered
     if (chdir("/") != 0) ADD_FAILURE() << "chdir: " << strerror(errno);
     Unmount();
-    for (int i = 0; i < UPDT_MAX_PARTITIONS; ++i) unlink(("/dev/mtd" + std::to_string(i)).c_str());
+    sim_test::RemoveMtdLinks(UPDT_MAX_PARTITIONS);
     dir_.reset();
     testing_support::SyslogRecords().clear();
   }
@@ -245,25 +138,24 @@ class FlashPatchTest : public ::testing::TestWithParam<Board> {
   void Start(const Board& board, const std::function<void(ChipState*)>& edit = nullptr,
              bool lock = true) {
     board_ = board;
-    ASSERT_EQ("", CreateChip(state_, board.layout, dir_->path()));
+    ASSERT_EQ("", sim_test::CreateChipState(state_, sim_test::BoardLayout(board.layout)));
     std::string error;
     ASSERT_TRUE(flashsim::LoadState(state_, &initial_, &error)) << error;
     if (lock) {
       for (const PartitionLayout& partition : initial_.layout.partitions) {
-        if (partition.index != board.fis_device) SetLocks(&initial_, partition, 1);
+        if (partition.index != board.fis_device) {
+          SetLocks(initial_.layout, partition, 1, &initial_.locked);
+        }
       }
     }
     if (edit) edit(&initial_);
     ASSERT_TRUE(flashsim::SaveState(initial_, &error)) << error;
     expected_ = initial_.image;
     expected_locks_ = initial_.locked;
-    ASSERT_NO_FATAL_FAILURE(Mount());
-    if (IsSkipped()) return;
-    for (const PartitionLayout& partition : initial_.layout.partitions) {
-      const std::string link = "/dev/mtd" + std::to_string(partition.index);
-      unlink(link.c_str());
-      ASSERT_EQ(0, symlink(("flash/mtd" + std::to_string(partition.index)).c_str(), link.c_str()));
-    }
+    mkdir(kDevFlash, 0755);
+    sim_test::StartDaemon(state_, kDevFlash, dir_->File("daemon.log"), {}, &daemon_);
+    if (IsSkipped() || HasFatalFailure()) return;
+    ASSERT_TRUE(sim_test::LinkMtdDevices(initial_.layout));
     UPDTSelectLayout(board.junior);
     gblJunior = board.junior;
     SetWorkDir(dir_->File("upd@te"));
@@ -275,39 +167,6 @@ class FlashPatchTest : public ::testing::TestWithParam<Board> {
     testing_support::SyslogRecords().clear();
   }
 
-  void Mount() {
-    mkdir(kMountPoint, 0755);
-    const std::string log = dir_->File("daemon.log");
-    daemon_ = fork();
-    ASSERT_GE(daemon_, 0);
-    if (daemon_ == 0) {
-      int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-      dup2(fd, STDERR_FILENO);
-      execl(FLASHSIM_DAEMON, FLASHSIM_DAEMON, state_.c_str(), kMountPoint, "-f",
-            static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    struct stat st;
-    for (int waited = 0; waited < 10000; waited += 5) {
-      if (stat((std::string(kMountPoint) + "/.control").c_str(), &st) == 0) {
-        mounted_ = true;
-        return;
-      }
-      int status = 0;
-      if (waitpid(daemon_, &status, WNOHANG) == daemon_) {
-        daemon_ = -1;
-        const std::string why = testing_support::ReadFile(log);
-        if (why.find("not permitted") != std::string::npos ||
-            why.find("ermission denied") != std::string::npos) {
-          GTEST_SKIP() << "mounting is not possible here: " << why;
-        }
-        FAIL() << "the simulator stopped before the mount was ready: " << why;
-      }
-      usleep(5000);
-    }
-    FAIL() << "the mount did not become ready";
-  }
-
   // Unmounts the chip (the simulator saves it) and loads the final state.
   void Finish() {
     Unmount();
@@ -315,38 +174,9 @@ class FlashPatchTest : public ::testing::TestWithParam<Board> {
     ASSERT_TRUE(flashsim::LoadState(state_, &final_, &error)) << error;
   }
 
-  void Unmount() {
-    if (mounted_) {
-      if (umount2(kMountPoint, 0) != 0) umount2(kMountPoint, MNT_DETACH);
-      mounted_ = false;
-    }
-    if (daemon_ > 0) {
-      int status = 0;
-      for (int waited = 0; waited < 10000; waited += 5) {
-        if (waitpid(daemon_, &status, WNOHANG) == daemon_) {
-          daemon_ = -1;
-          return;
-        }
-        usleep(5000);
-      }
-      kill(daemon_, SIGKILL);
-      waitpid(daemon_, &status, 0);
-      daemon_ = -1;
-      ADD_FAILURE() << "the simulator did not stop after the unmount";
-    }
-  }
+  void Unmount() { sim_test::StopDaemon(kDevFlash, &daemon_); }
 
-  std::string Control(const std::string& command) {
-    UniqueFd control(open((std::string(kMountPoint) + "/.control").c_str(), O_RDWR));
-    if (control.get() < 0) return std::string("open: ") + strerror(errno);
-    const std::string line = command + "\n";
-    if (write(control.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
-      return std::string("write: ") + strerror(errno);
-    }
-    char answer[256] = {};
-    const ssize_t length = pread(control.get(), answer, sizeof(answer) - 1, 0);
-    return length < 0 ? std::string("read: ") + strerror(errno) : std::string(answer);
-  }
+  std::string Control(const std::string& command) { return sim_test::Control(kDevFlash, command); }
 
   void Fault(const std::string& command) { ASSERT_EQ("OK\n", Control(command)) << command; }
 
@@ -458,27 +288,33 @@ class FlashPatchTest : public ::testing::TestWithParam<Board> {
     ADD_FAILURE() << "no directory record " << name;
   }
 
-  // Lock bits of every block of `partition` in `state`.
-  static void SetLocks(ChipState* state, const PartitionLayout& partition, uint8_t value) {
-    const uint32_t first = (partition.base - state->layout.chip_base) / state->layout.erase_size;
-    for (uint32_t i = 0; i < partition.size / state->layout.erase_size; ++i) {
-      state->locked[first + i] = value;
+  // Lock bits of every block of `partition` in `locked` (one per block of
+  // the chip `layout`).
+  static void SetLocks(const flashsim::ChipLayout& layout, const PartitionLayout& partition,
+                       uint8_t value, std::vector<uint8_t>* locked) {
+    const uint32_t first = (partition.base - layout.chip_base) / layout.erase_size;
+    for (uint32_t i = 0; i < partition.size / layout.erase_size; ++i) {
+      (*locked)[first + i] = value;
     }
   }
 
-  // What UPDTUnlockAllPartition leaves: every partition but the two
-  // directory partitions unlocked.
-  void ExpectUnlocked() {
-    ChipState expected;
-    expected.layout = initial_.layout;
-    expected.locked = expected_locks_;
+  // Expected: every block of `partition` locked (1) or unlocked (0).
+  void ExpectLocks(const PartitionLayout& partition, uint8_t value) {
+    SetLocks(initial_.layout, partition, value, &expected_locks_);
+  }
+
+  // Expected: every partition but the two directory partitions locked (1) or
+  // unlocked (0), as UPDTLockAll leaves them.
+  void ExpectAllLocks(uint8_t value) {
     for (const PartitionLayout& partition : initial_.layout.partitions) {
       if (partition.name != "RedBoot Config" && partition.name != "FIS Directory") {
-        SetLocks(&expected, partition, 0);
+        ExpectLocks(partition, value);
       }
     }
-    expected_locks_ = expected.locked;
   }
+
+  // What UPDTUnlockAllPartition leaves.
+  void ExpectUnlocked() { ExpectAllLocks(0); }
 
   void ExpectChip() {
     EXPECT_TRUE(SameChip(final_.image, expected_, initial_.layout.chip_base));
@@ -489,7 +325,6 @@ class FlashPatchTest : public ::testing::TestWithParam<Board> {
   std::unique_ptr<testing_support::TempDir> dir_;
   std::string state_;
   pid_t daemon_ = -1;
-  bool mounted_ = false;
   ChipState initial_;
   ChipState final_;
   std::vector<uint8_t> expected_;
@@ -511,12 +346,7 @@ TEST_P(FlashPatchTest, LockAllLocksEveryPartitionButTheDirectoryPartitions) {
   START_OR_RETURN(GetParam(), nullptr, false);
   EXPECT_EQ(0, UPDTLockAll(1));
   Finish();
-  for (const PartitionLayout& partition : initial_.layout.partitions) {
-    if (partition.name != "RedBoot Config" && partition.name != "FIS Directory") {
-      SetLocks(&initial_, partition, 1);
-    }
-  }
-  expected_locks_ = initial_.locked;
+  ExpectAllLocks(1);
   ExpectChip();
 }
 
@@ -526,9 +356,8 @@ TEST_P(FlashPatchTest, LockAllStopsAtTheFirstPartitionThatRefuses) {
   EXPECT_EQ(-1, UPDTLockAll(1));
   EXPECT_TRUE(Logged(LOG_ERR, "UPDTLockAll: VELTMTDLockPartition(/dev/mtd2) fail"));
   Finish();
-  SetLocks(&initial_, *initial_.layout.Find(0), 1);
-  SetLocks(&initial_, *initial_.layout.Find(1), 1);
-  expected_locks_ = initial_.locked;
+  ExpectLocks(*initial_.layout.Find(0), 1);
+  ExpectLocks(*initial_.layout.Find(1), 1);
   ExpectChip();
 }
 
@@ -624,7 +453,7 @@ TEST_P(FlashPatchTest, BackupCommandThatDoesNotFitItsBufferIsNotRun) {
 
   EXPECT_EQ((std::vector<std::string>{"UPDTBackupOldPartition(N): command too long [/bin/rm -rf " +
                                       backup + "; /bin/mkdir -p " + backup + "]"}),
-            LogLines(-1));
+            LoggedMessages(-1));
   EXPECT_TRUE(testing_support::FileExists(backup + "/kept"));
   DIR* dir = opendir(work.c_str());
   ASSERT_NE(nullptr, dir);
@@ -646,7 +475,7 @@ TEST_P(FlashPatchTest, NullOrEmptyDirectoryIsAParameterErrorAndTouchesNothing) {
   EXPECT_EQ((std::vector<std::string>{"UPDTBackupOldPartition(N): parameter error ",
                                       "UPDTDoPatch(N): parameter error ",
                                       "UPDTRollBack(N): parameter error "}),
-            LogLines(LOG_ERR));
+            LoggedMessages(LOG_ERR));
   EXPECT_EQ(std::vector<std::string>(), TraceSince("calls"));
   Finish();
   ExpectChip();
@@ -678,7 +507,7 @@ TEST_P(FlashPatchTest, PatchWritesTheNewImagesAndLeavesTheOtherPartitionsAlone) 
     }
   }
   EXPECT_EQ(expected_log, LogLinesWith({"skip updating", "Finish updating"}));
-  EXPECT_EQ(std::vector<std::string>(), LogLines(LOG_ERR));
+  EXPECT_EQ(std::vector<std::string>(), LoggedMessages(LOG_ERR));
   // Only the updated partitions are moved, erased or written.
   for (const std::string& line : TraceSince("patch")) {
     if (line.rfind("erase ", 0) == 0 || line.rfind("write ", 0) == 0 ||
@@ -756,7 +585,7 @@ TEST_P(FlashPatchTest, NothingMarkedForUpdateOnlyUnlocksAndSkips) {
     expected_log.push_back(std::string("UPDTDoPatch: skip updating [") + gPartitionTable[i].part +
                            "]");
   }
-  EXPECT_EQ(expected_log, LogLines(-1));
+  EXPECT_EQ(expected_log, LoggedMessages(-1));
   std::set<std::string> unlocked;
   for (const std::string& line : TraceSince("patch")) {
     const std::string op = line.substr(0, line.find(' '));
@@ -1195,8 +1024,7 @@ TEST_P(FlashPatchTest, RecoverWritesTheBuiltInDirectoryAndLocksItsPartition) {
   Finish();
   const std::vector<uint8_t> repaired = RepairedDirectory(directory.size);
   std::copy(repaired.begin(), repaired.end(), expected_.begin() + Offset(directory.base));
-  SetLocks(&initial_, directory, 1);
-  expected_locks_ = initial_.locked;
+  ExpectLocks(directory, 1);
   ExpectChip();
 }
 
@@ -1206,7 +1034,7 @@ TEST(FlashPatchRepair, BuiltInDirectoryIsTheJuniorBoardsOwn) {
   if (std::string(FLASH_TOOL).empty()) GTEST_SKIP() << "filebay-flash was not built";
   testing_support::TempDir dir;
   const std::string state = dir.File("state");
-  ASSERT_EQ("", CreateChip(state, kJunior6.layout, dir.path()));
+  ASSERT_EQ("", sim_test::CreateChipState(state, sim_test::BoardLayout(kJunior6.layout)));
   ChipState chip;
   std::string error;
   ASSERT_TRUE(flashsim::LoadState(state, &chip, &error)) << error;
@@ -1229,8 +1057,7 @@ TEST_P(FlashPatchTest, RecoverWriteFailureSetsTheReadErrorCodeAndLocksAgain) {
                                   std::string(gszDevMtdPartition) + ") fail"));
   Finish();
   ExpectRewritten(directory.base, directory.size, "");
-  SetLocks(&initial_, directory, 1);
-  expected_locks_ = initial_.locked;
+  ExpectLocks(directory, 1);
   ExpectChip();
 }
 
@@ -1247,8 +1074,7 @@ TEST_P(FlashPatchTest, RecoverOpenFailureSetsTheOpenErrorCodeAndLocksAgain) {
                                   std::string(gszDevMtdPartition) + ") fail"));
   Finish();
   ExpectRewritten(directory.base, directory.size, "");
-  SetLocks(&initial_, directory, 1);
-  expected_locks_ = initial_.locked;
+  ExpectLocks(directory, 1);
   ExpectChip();
 }
 
@@ -1264,8 +1090,7 @@ TEST_P(FlashPatchTest, RecoverEraseFailureLeavesTheDirectoryAndLocksAgain) {
       Logged(LOG_ERR, "flash_patch.cpp:N(RecoverFISDirTable_K77GPlus_V284) VELTMTDErasePartition(" +
                           std::string(gszDevMtdPartition) + ") fail"));
   Finish();
-  SetLocks(&initial_, directory, 1);
-  expected_locks_ = initial_.locked;
+  ExpectLocks(directory, 1);
   ExpectChip();
 }
 

@@ -14,9 +14,7 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -25,6 +23,7 @@
 #include "sim/flash_chip.h"
 #include "sim/flash_state.h"
 #include "sim_test_chips.h"
+#include "sim_test_mount.h"
 #include "sim_test_programs.h"
 #include "test_support.h"
 
@@ -59,12 +58,8 @@ int IoctlError(int fd, unsigned long request, void* argument) {
 class FlashsimMountTest : public ::testing::Test {
  public:
   void SetUp() override {
-    if (std::string(FLASHSIM_DAEMON).empty()) {
-      GTEST_SKIP() << "filebay-flashsim was not built (libfuse3 is missing)";
-    }
-    if (access("/dev/fuse", R_OK | W_OK) != 0) {
-      GTEST_SKIP() << "/dev/fuse is not usable: " << strerror(errno);
-    }
+    const std::string why = sim_test::MountUnavailable();
+    if (!why.empty()) GTEST_SKIP() << why;
     state_ = dir_.File("state");
     mount_ = dir_.File("mnt");
     ASSERT_EQ(0, mkdir(state_.c_str(), 0755));
@@ -72,18 +67,7 @@ class FlashsimMountTest : public ::testing::Test {
   }
 
   void TearDown() override {
-    if (mount_.empty()) return;
-    if (IsMounted() && RunProgram({"fusermount3", "-u", mount_}) != 0)
-      RunProgram({"umount", "-l", mount_});
-    EXPECT_FALSE(IsMounted()) << mount_ << " is still mounted";
-    if (daemon_ > 0) {
-      int status = 0;
-      if (!WaitForExit(daemon_, 10000, &status)) {
-        kill(daemon_, SIGKILL);
-        waitpid(daemon_, &status, 0);
-        ADD_FAILURE() << "the daemon did not stop after the unmount";
-      }
-    }
+    if (!mount_.empty()) sim_test::StopDaemon(mount_, &daemon_);
   }
 
   // Writes the chip into the state directory and mounts it with the daemon
@@ -93,63 +77,15 @@ class FlashsimMountTest : public ::testing::Test {
     std::string error;
     ASSERT_TRUE(flashsim::SaveState(state, &error)) << error;
     if (!faults.empty()) testing_support::WriteFile(state_ + "/faults", faults);
-    std::string log = dir_.File("daemon.log");
-    daemon_ = fork();
-    ASSERT_GE(daemon_, 0);
-    if (daemon_ == 0) {
-      int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-      dup2(fd, STDERR_FILENO);
-      execl(FLASHSIM_DAEMON, FLASHSIM_DAEMON, state_.c_str(), mount_.c_str(), "-f", "-o",
-            "allow_other", static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    struct stat st;
-    for (int waited = 0; waited < 10000; waited += 5) {
-      if (stat(Path(".control").c_str(), &st) == 0) return;
-      int status = 0;
-      if (waitpid(daemon_, &status, WNOHANG) == daemon_) {
-        daemon_ = -1;
-        std::string why = testing_support::ReadFile(log);
-        if (why.find("not permitted") != std::string::npos ||
-            why.find("ermission denied") != std::string::npos) {
-          GTEST_SKIP() << "mounting is not possible here: " << why;
-        }
-        FAIL() << "the daemon stopped before the mount was ready: " << why;
-      }
-      usleep(5000);
-    }
-    FAIL() << "the mount did not become ready";
+    sim_test::StartDaemon(state_, mount_, dir_.File("daemon.log"), {"-o", "allow_other"}, &daemon_);
   }
 
   std::string Path(const std::string& name) const { return mount_ + "/" + name; }
   std::string Device(int index) const { return Path("mtd" + std::to_string(index)); }
   std::vector<uint8_t> ChipImage() const { return sim_test::ReadBytes(state_ + "/chip.img"); }
   std::vector<std::string> Trace() const { return sim_test::ReadLines(state_ + "/trace.log"); }
-
-  bool IsMounted() const {
-    std::ifstream mounts("/proc/self/mountinfo");
-    std::string line;
-    while (std::getline(mounts, line)) {
-      std::istringstream fields(line);
-      std::string id, parent, numbers, root, point;
-      fields >> id >> parent >> numbers >> root >> point;
-      if (point == mount_) return true;
-    }
-    return false;
-  }
-
-  // Sends one command through the control file; its answer line.
-  std::string Control(const std::string& command) {
-    UniqueFd control(open(Path(".control").c_str(), O_RDWR));
-    if (control.get() < 0) return std::string("open: ") + strerror(errno);
-    std::string line = command + "\n";
-    if (write(control.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
-      return std::string("write: ") + strerror(errno);
-    }
-    char answer[256] = {};
-    ssize_t length = pread(control.get(), answer, sizeof(answer) - 1, 0);
-    return length < 0 ? std::string("read: ") + strerror(errno) : std::string(answer);
-  }
+  bool IsMounted() const { return sim_test::IsMounted(mount_); }
+  std::string Control(const std::string& command) { return sim_test::Control(mount_, command); }
 
   // The errno of an ioctl on a freshly opened device, or 0.
   int DeviceIoctl(int device, unsigned long request, void* argument) {

@@ -7,12 +7,9 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -22,9 +19,10 @@
 #include <vector>
 
 #include "lib/unique_fd.h"
+#include "log_lines.h"
 #include "sim/flash_state.h"
 #include "sim_test_chips.h"
-#include "sim_test_programs.h"
+#include "sim_test_mount.h"
 #include "test_support.h"
 #include "updater/fis_record.h"
 #include "updater/flash_patch.h"
@@ -34,12 +32,14 @@
 
 namespace {
 
-using sim_test::RunProgram;
+using sim_test::ImageBytes;
+using sim_test::kDevFlash;
+using sim_test::SameChip;
+using testing_support::LoggedMessages;
 
 using Lines = std::vector<std::string>;
 using Bytes = std::vector<uint8_t>;
 
-constexpr char kMountPoint[] = "/dev/flash";
 constexpr uint32_t kUnit = 16384;
 constexpr int kPartitions = 8;
 // The eight partitions of the board, by position.
@@ -49,44 +49,10 @@ constexpr int kZImage = 1;
 constexpr int kAllLib = 3;
 constexpr int kVeltcfg = 5;
 
-// Deterministic image contents: xorshift32 bytes from `seed`.
-std::string ImageBytes(uint32_t seed, size_t length) {
-  std::string bytes(length, '\0');
-  uint32_t x = seed == 0 ? 1 : seed;
-  for (char& byte : bytes) {
-    x ^= x << 13;
-    x ^= x >> 17;
-    x ^= x << 5;
-    byte = static_cast<char>(x >> 8);
-  }
-  return bytes;
-}
-
-// "Function(123): text" becomes "Function(N): text"; other texts stay.
-std::string WithoutLineNumber(const std::string& text) {
-  const size_t open = text.find('(');
-  if (open == std::string::npos || open == 0 || text.find(' ') < open) return text;
-  const size_t close = text.find_first_not_of("0123456789", open + 1);
-  if (close == open + 1 || close == std::string::npos || text.compare(close, 3, "): ") != 0) {
-    return text;
-  }
-  return text.substr(0, open) + "(N" + text.substr(close);
-}
-
-// The syslog lines of one priority, line numbers taken out.
-Lines Logged(int priority) {
-  Lines lines;
-  for (const auto& record : testing_support::SyslogRecords()) {
-    if (record.first == priority) lines.push_back(WithoutLineNumber(record.second));
-  }
-  return lines;
-}
-
 // The syslog lines (any priority) containing `needle`, in order.
 Lines LoggedWith(const std::string& needle) {
   Lines lines;
-  for (const auto& record : testing_support::SyslogRecords()) {
-    const std::string text = WithoutLineNumber(record.second);
+  for (const std::string& text : LoggedMessages()) {
     if (text.find(needle) != std::string::npos) lines.push_back(text);
   }
   return lines;
@@ -103,45 +69,8 @@ std::string Progress() {
   return second == std::string::npos ? text : text.substr(0, second);
 }
 
-::testing::AssertionResult SameChip(const Bytes& actual, const Bytes& expected) {
-  if (actual.size() != expected.size()) {
-    return ::testing::AssertionFailure()
-           << "chip of " << actual.size() << " bytes, expected " << expected.size();
-  }
-  size_t differing = 0;
-  size_t first = 0;
-  size_t last = 0;
-  for (size_t i = 0; i < actual.size(); ++i) {
-    if (actual[i] == expected[i]) continue;
-    if (differing++ == 0) first = i;
-    last = i;
-  }
-  if (differing == 0) return ::testing::AssertionSuccess();
-  char where[160];
-  snprintf(where, sizeof(where),
-           "%zu bytes differ, from 0x%08zX to 0x%08zX (0x%02X, expected 0x%02X)", differing, first,
-           last, actual[first], expected[first]);
-  return ::testing::AssertionFailure() << where;
-}
-
 // One partition as the driver's table and the information records show it.
-struct Geometry {
-  std::string name;
-  uint32_t flash_base;
-  uint32_t size;
-  uint32_t data_length;
-  bool operator==(const Geometry& other) const {
-    return name == other.name && flash_base == other.flash_base && size == other.size &&
-           data_length == other.data_length;
-  }
-};
-
-std::ostream& operator<<(std::ostream& out, const Geometry& geometry) {
-  char text[80];
-  snprintf(text, sizeof(text), " 0x%08X 0x%08X 0x%08X", geometry.flash_base, geometry.size,
-           geometry.data_length);
-  return out << geometry.name << text;
-}
+using Geometry = sim_test::FisEntry;
 
 uint32_t BigEndian(const unsigned char* bytes) {
   return uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 | uint32_t{bytes[2]} << 8 | bytes[3];
@@ -152,31 +81,20 @@ uint32_t Units(uint64_t bytes) { return static_cast<uint32_t>((bytes + kUnit - 1
 class MSysUpdateTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (std::string(FLASHSIM_DAEMON).empty() || std::string(FLASH_TOOL).empty()) {
-      GTEST_SKIP() << "the flash simulator was not built (libfuse3 is missing)";
-    }
-    const std::string why = testing_support::EnterThrowawayRoot();
+    std::string why = testing_support::EnterThrowawayRoot();
     if (!why.empty()) GTEST_SKIP() << why;
-    if (access("/dev/fuse", R_OK | W_OK) != 0) {
-      GTEST_SKIP() << "/dev/fuse is not usable: " << strerror(errno);
-    }
+    why = sim_test::MountUnavailable();
+    if (!why.empty()) GTEST_SKIP() << why;
     dir_ = std::make_unique<testing_support::TempDir>();
     state_ = dir_->File("state");
-    const std::string log = dir_->File("tool.log");
-    ASSERT_EQ(
-        0, RunProgram(
-               {FLASH_TOOL, "create", state_, std::string(FLASH_LAYOUT_DIR) + "/msys.layout"}, log))
-        << testing_support::ReadFile(log);
+    ASSERT_EQ("", sim_test::CreateChipState(state_, sim_test::BoardLayout("msys")));
     std::string error;
     ASSERT_TRUE(flashsim::LoadState(state_, &initial_, &error)) << error;
     ASSERT_EQ(static_cast<size_t>(kPartitions), initial_.layout.partitions.size());
-    ASSERT_NO_FATAL_FAILURE(Mount());
-    if (IsSkipped()) return;
-    for (int i = 0; i < kPartitions; ++i) {
-      const std::string link = "/dev/mtd" + std::to_string(i);
-      unlink(link.c_str());
-      ASSERT_EQ(0, symlink(("flash/mtd" + std::to_string(i)).c_str(), link.c_str()));
-    }
+    mkdir(kDevFlash, 0755);
+    sim_test::StartDaemon(state_, kDevFlash, dir_->File("daemon.log"), {}, &daemon_);
+    if (IsSkipped() || HasFatalFailure()) return;
+    ASSERT_TRUE(sim_test::LinkMtdDevices(initial_.layout));
     ASSERT_EQ(0, setenv("FILEBAY_FLASH_CONTROL", "/dev/flash/.control", 1));
 
     UPDTResetRunState();
@@ -192,76 +110,16 @@ class MSysUpdateTest : public ::testing::Test {
   }
 
   void TearDown() override {
+    if (dir_ == nullptr) return;  // skipped before the throwaway root was entered
     if (chdir("/") != 0) ADD_FAILURE() << "chdir: " << strerror(errno);
-    Unmount();
-    for (int i = 0; i < kPartitions; ++i) unlink(("/dev/mtd" + std::to_string(i)).c_str());
+    sim_test::StopDaemon(kDevFlash, &daemon_);
+    sim_test::RemoveMtdLinks(kPartitions);
     unsetenv("FILEBAY_FLASH_CONTROL");
     dir_.reset();
     testing_support::SyslogRecords().clear();
   }
 
-  void Mount() {
-    mkdir(kMountPoint, 0755);
-    const std::string log = dir_->File("daemon.log");
-    daemon_ = fork();
-    ASSERT_GE(daemon_, 0);
-    if (daemon_ == 0) {
-      int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-      dup2(fd, STDERR_FILENO);
-      execl(FLASHSIM_DAEMON, FLASHSIM_DAEMON, state_.c_str(), kMountPoint, "-f",
-            static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    struct stat st;
-    for (int waited = 0; waited < 10000; waited += 5) {
-      if (stat((std::string(kMountPoint) + "/.control").c_str(), &st) == 0) {
-        mounted_ = true;
-        return;
-      }
-      if (waitpid(daemon_, nullptr, WNOHANG) == daemon_) {
-        daemon_ = -1;
-        const std::string why = testing_support::ReadFile(log);
-        if (why.find("not permitted") != std::string::npos ||
-            why.find("ermission denied") != std::string::npos) {
-          GTEST_SKIP() << "mounting is not possible here: " << why;
-        }
-        FAIL() << "the simulator stopped before the mount was ready: " << why;
-      }
-      usleep(5000);
-    }
-    FAIL() << "the mount did not become ready";
-  }
-
-  void Unmount() {
-    if (mounted_) {
-      if (umount2(kMountPoint, 0) != 0) umount2(kMountPoint, MNT_DETACH);
-      mounted_ = false;
-    }
-    if (daemon_ <= 0) return;
-    for (int waited = 0; waited < 10000; waited += 5) {
-      if (waitpid(daemon_, nullptr, WNOHANG) == daemon_) {
-        daemon_ = -1;
-        return;
-      }
-      usleep(5000);
-    }
-    kill(daemon_, SIGKILL);
-    waitpid(daemon_, nullptr, 0);
-    daemon_ = -1;
-    ADD_FAILURE() << "the simulator did not stop after the unmount";
-  }
-
-  std::string Control(const std::string& command) {
-    UniqueFd control(open((std::string(kMountPoint) + "/.control").c_str(), O_RDWR));
-    if (control.get() < 0) return std::string("open: ") + strerror(errno);
-    const std::string line = command + "\n";
-    if (write(control.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
-      return std::string("write: ") + strerror(errno);
-    }
-    char answer[256] = {};
-    const ssize_t length = pread(control.get(), answer, sizeof(answer) - 1, 0);
-    return length < 0 ? std::string("read: ") + strerror(errno) : std::string(answer);
-  }
+  std::string Control(const std::string& command) { return sim_test::Control(kDevFlash, command); }
 
   void Fault(const std::string& command) { ASSERT_EQ("OK\n", Control(command)) << command; }
 
@@ -408,7 +266,6 @@ class MSysUpdateTest : public ::testing::Test {
   std::string state_;
   std::string work_;
   pid_t daemon_ = -1;
-  bool mounted_ = false;
   flashsim::ChipState initial_;
   std::string zimage_;
   std::string alllib_;
@@ -428,7 +285,7 @@ TEST_F(MSysUpdateTest, FormatRefusesAnyCountButEightAndTouchesNothing) {
   EXPECT_EQ(-1, UPDTMSysFormat(counts, 7));
   EXPECT_EQ(-1, UPDTMSysFormat(counts, 9));
   EXPECT_EQ(-1, UPDTMSysFormat(nullptr, kPartitions));
-  EXPECT_EQ(Lines(3, "UPDTMSysFormat(N): parameter error"), Logged(LOG_ERR));
+  EXPECT_EQ(Lines(3, "UPDTMSysFormat(N): parameter error"), LoggedMessages(LOG_ERR));
   EXPECT_EQ(trace, Trace());
   EXPECT_TRUE(SameChip(ChipNow(), initial_.image));
   EXPECT_EQ(OldGeometries(), Geometries(Records()));
@@ -447,7 +304,7 @@ TEST_F(MSysUpdateTest, FormatFailuresNameTheStepAndErrno) {
   EXPECT_EQ((Lines{"UPDTMSysFormat(N): failed to format, errno = 5",
                    "UPDTMSysFormat(N): failed to partition, errno = 28",
                    "UPDTMSysFormat(N): failed to open /dev/mtd0, errno = 2"}),
-            Logged(LOG_ERR));
+            LoggedMessages(LOG_ERR));
   // The second call formatted (everything erased) but kept the old table.
   EXPECT_TRUE(SameChip(ChipNow(), Bytes(initial_.image.size(), 0xFF)));
   EXPECT_EQ(1u, TraceOf("partition").size());
@@ -480,7 +337,7 @@ TEST_F(MSysUpdateTest, PartitionInfoIsTheDriverTableNamedByPosition) {
   EXPECT_TRUE(std::all_of(records.begin() + kPartitions * FIS_RECORD_SIZE, records.end(),
                           [](unsigned char byte) { return byte == 0; }));
   EXPECT_EQ(Lines{"get-table mtd0 0x00000000 64 ok"}, TraceOf("get-table"));
-  EXPECT_EQ(Lines{}, Logged(LOG_ERR));
+  EXPECT_EQ(Lines{}, LoggedMessages(LOG_ERR));
 }
 
 TEST_F(MSysUpdateTest, PartitionInfoFailuresAreLoggedWithErrno) {
@@ -492,7 +349,7 @@ TEST_F(MSysUpdateTest, PartitionInfoFailuresAreLoggedWithErrno) {
   EXPECT_EQ(-1, UPDTMSysGetPartitionInfo(records.data()));
   EXPECT_EQ((Lines{"UPDTMSysGetPartitionInfo(N): fail to get partition information, errno = 5",
                    "UPDTMSysGetPartitionInfo(N): fail to open /dev/mtd0, errno = 2"}),
-            Logged(LOG_ERR));
+            LoggedMessages(LOG_ERR));
 }
 
 // ---- patch plan ----
@@ -523,7 +380,7 @@ TEST_F(MSysUpdateTest, PlanOfExactlyTheDiskIsAcceptedAndOneUnitMoreRefused) {
     EXPECT_EQ(i == kAllLib ? left * kUnit : Old(i).data_length, row.datalen);
     EXPECT_EQ(i == kAllLib ? 1 : 0, row.fneedupdate);
   }
-  const Lines info = Logged(LOG_INFO);
+  const Lines info = LoggedMessages(LOG_INFO);
   EXPECT_TRUE(Contains(info, "Available flash units = 967 blocks, eraseblock = 16384 bytes"));
   char line[256];
   snprintf(line, sizeof(line),
@@ -535,14 +392,14 @@ TEST_F(MSysUpdateTest, PlanOfExactlyTheDiskIsAcceptedAndOneUnitMoreRefused) {
   EXPECT_TRUE(Contains(info, line)) << line;
   EXPECT_TRUE(
       Contains(info, "UPDTMSysInitPatchInfo(N): file [zImage] not included in the patch package "));
-  EXPECT_EQ(Lines{}, Logged(LOG_ERR));
+  EXPECT_EQ(Lines{}, LoggedMessages(LOG_ERR));
 
   testing_support::SyslogRecords().clear();
   ASSERT_NO_FATAL_FAILURE(SparsePackage("AllLib.tgz", off_t{left} * kUnit + 1));
   EXPECT_EQ(-1, UPDTMSysInitPatchInfo(records.data(), kPartitions));
   EXPECT_EQ(Lines{"UPDTMSysInitPatchInfo(N): the binary size exceeds flash size limit(total = 968 "
                   "blocks)"},
-            Logged(LOG_ERR));
+            LoggedMessages(LOG_ERR));
 }
 
 TEST_F(MSysUpdateTest, PlanRefusesMissingInformation) {
@@ -557,7 +414,7 @@ TEST_F(MSysUpdateTest, PlanRefusesMissingInformation) {
       (Lines{"UPDTMSysInitPatchInfo(N): parameter error ",
              "UPDTMSysInitPatchInfo(N): parameter error ", "UPDTMSysDoPatch(N): parameter error ",
              "UPDTMSysRollBack(N): parameter error "}),
-      Logged(LOG_ERR));
+      LoggedMessages(LOG_ERR));
   EXPECT_EQ(Lines{}, TraceOf("write"));
 }
 
@@ -593,8 +450,8 @@ TEST_F(MSysUpdateTest, PatchWithoutRepartitionWritesOnlyThePartitionsWithFiles) 
              "UPDTMSysDoPatch: Finish updating [veltcfg]",
              "UPDTMSysDoPatch: skip updating [RedBoot Config]",
              "UPDTMSysDoPatch: skip updating [FIS Directory]"}),
-      Logged(LOG_INFO));
-  EXPECT_EQ(Lines{}, Logged(LOG_ERR));
+      LoggedMessages(LOG_INFO));
+  EXPECT_EQ(Lines{}, LoggedMessages(LOG_ERR));
   // Sizes stay; the data lengths grow to what was written where it is more.
   std::vector<Geometry> table = OldGeometries();
   table[kZImage].data_length = std::max<uint32_t>(table[kZImage].data_length, zimage.size());
@@ -645,8 +502,8 @@ TEST_F(MSysUpdateTest, RepartitionWritesEveryPartitionTheMissingOnesFromTheirBac
              "szCmd=[" + Command(Backup(4), 4) + "]", "szCmd=[" + Command(Backup(5), 5) + "]",
              "szCmd=[" + Command(Backup(6), 6) + "]", "szCmd=[" + Command(Backup(7), 7) + "]"}),
       commands);
-  EXPECT_TRUE(Contains(Logged(LOG_INFO), "UPDTMSysDoPatch(N): NEED RE-PARTITION!!"));
-  EXPECT_EQ(Lines{}, Logged(LOG_ERR));
+  EXPECT_TRUE(Contains(LoggedMessages(LOG_INFO), "UPDTMSysDoPatch(N): NEED RE-PARTITION!!"));
+  EXPECT_EQ(Lines{}, LoggedMessages(LOG_ERR));
 }
 
 TEST_F(MSysUpdateTest, FailureAfterRepartitionRollsBackTableAndEveryPartition) {
@@ -670,8 +527,8 @@ TEST_F(MSysUpdateTest, FailureAfterRepartitionRollsBackTableAndEveryPartition) {
     expected_log.push_back("UPDTMSysRollBack(N): command=[" + Command(Backup(i), i) + "]");
     expected_log.push_back(std::string("UPDTMSysRollBack: Finish updating [") + kNames[i] + "]");
   }
-  EXPECT_EQ(expected_log, Logged(LOG_INFO));
-  EXPECT_EQ(Lines{}, Logged(LOG_ERR));
+  EXPECT_EQ(expected_log, LoggedMessages(LOG_INFO));
+  EXPECT_EQ(Lines{}, LoggedMessages(LOG_ERR));
 }
 
 TEST_F(MSysUpdateTest, GroupRepartitionNeedsEveryImageAndTouchesNothingWithoutOne) {
@@ -686,7 +543,7 @@ TEST_F(MSysUpdateTest, GroupRepartitionNeedsEveryImageAndTouchesNothingWithoutOn
   EXPECT_EQ(0, repartitioned);
   EXPECT_EQ(
       Lines{"UPDTMSysDoPatch(N): failed to update. [" + work_ + "/RedBoot.msys] does not exist"},
-      Logged(LOG_ERR));
+      LoggedMessages(LOG_ERR));
   EXPECT_EQ(Lines{}, TraceOf("format"));
   EXPECT_EQ(Lines{}, TraceOf("write"));
   EXPECT_TRUE(SameChip(ChipNow(), initial_.image));
@@ -707,7 +564,7 @@ TEST_F(MSysUpdateTest, CommandThatDoesNotFitIsNeverRun) {
   int repartitioned = 0;
   EXPECT_EQ(-1, UPDTMSysDoPatch(records.data(), kPartitions, &repartitioned));
   EXPECT_EQ(Lines{"UPDTMSysDoPatch(N): command too long [" + Command(deep + "/zImage", 1) + "]"},
-            Logged(LOG_ERR));
+            LoggedMessages(LOG_ERR));
   EXPECT_EQ(Lines{}, TraceOf("write"));
   EXPECT_TRUE(SameChip(ChipNow(), initial_.image));
 }
@@ -750,7 +607,7 @@ TEST_F(MSysUpdateTest, UpdateWritesFlashMigratesAndMovesTheArchive) {
   }
   expected_errors.push_back("UPDTMSysUpdate(N): Turn on the reinstall library flag...!!");
   expected_errors.push_back("Congratulation!! The update has been completed!!");
-  EXPECT_EQ(expected_errors, Logged(LOG_ERR));
+  EXPECT_EQ(expected_errors, LoggedMessages(LOG_ERR));
 }
 
 TEST_F(MSysUpdateTest, UpdateWhosePatchFailsRollsBackGives20AndStillMovesTheArchive) {
@@ -767,7 +624,7 @@ TEST_F(MSysUpdateTest, UpdateWhosePatchFailsRollsBackGives20AndStillMovesTheArch
   EXPECT_EQ(RestoredGeometries(), Geometries(Records()));
   EXPECT_EQ(archive, testing_support::ReadFile("/volume1/VeltUpgrade.tar.gz"));
   EXPECT_FALSE(testing_support::FileExists(work_ + "/hda1.tgz"));
-  const Lines errors = Logged(LOG_ERR);
+  const Lines errors = LoggedMessages(LOG_ERR);
   EXPECT_TRUE(Contains(errors, "UPDTMSysUpdate(N): fail to patch new binaries!!"));
   EXPECT_TRUE(Contains(errors, "UPDTMSysUpdate(N): Turn on the reinstall library flag...!!"));
   EXPECT_FALSE(Contains(errors, "UPDTMSysUpdate: UPDTRollBack() fail"));
@@ -804,7 +661,7 @@ TEST_F(MSysUpdateTest, UpdateWithUnreadableTableGives18AndTouchesNothing) {
   EXPECT_TRUE(testing_support::FileExists(work_ + "/hda1.tgz"));
   EXPECT_FALSE(testing_support::FileExists(work_ + "/" + UPDT_BACKUP_DIR));
   EXPECT_EQ(Lines{"UPDTMSysGetPartitionInfo(N): fail to get partition information, errno = 5"},
-            Logged(LOG_ERR));
+            LoggedMessages(LOG_ERR));
   EXPECT_EQ(Lines{}, TraceOf("write"));
   EXPECT_TRUE(SameChip(ChipNow(), initial_.image));
 }
@@ -816,14 +673,16 @@ TEST_F(MSysUpdateTest, UpdatePlanAndBackupFailuresEndTheUpdateAt19And15) {
   char letter = 'A';
   EXPECT_EQ(19, UPDTMSysUpdate(&letter));
   EXPECT_EQ("P:10", Progress());
-  EXPECT_TRUE(Contains(Logged(LOG_ERR), "UPDTMSysUpdate(N): fail to initialize patch info "));
+  EXPECT_TRUE(
+      Contains(LoggedMessages(LOG_ERR), "UPDTMSysUpdate(N): fail to initialize patch info "));
 
   ASSERT_EQ(0, unlink((work_ + "/AllLib.tgz").c_str()));
   Fault("fault read mtd3 nth=1 errno=EIO");
   testing_support::SyslogRecords().clear();
   EXPECT_EQ(15, UPDTMSysUpdate(&letter));
   EXPECT_EQ('P', letter);
-  EXPECT_TRUE(Contains(Logged(LOG_ERR), "UPDTMSysUpdate(N): fail to backup old patch info "));
+  EXPECT_TRUE(
+      Contains(LoggedMessages(LOG_ERR), "UPDTMSysUpdate(N): fail to backup old patch info "));
   EXPECT_TRUE(testing_support::FileExists(work_ + "/hda1.tgz"));
   EXPECT_EQ(Lines{}, TraceOf("write"));
   EXPECT_TRUE(SameChip(ChipNow(), initial_.image));
@@ -845,8 +704,8 @@ TEST_F(MSysUpdateTest, GroupUpdateKeepsNoBackupAndRollsNothingBack) {
   std::copy(zimage.begin(), zimage.end(), expected.begin() + Old(kZImage).base);
   EXPECT_TRUE(SameChip(ChipNow(), expected));
   EXPECT_EQ(Lines{}, LoggedWith("UPDTMSysRollBack"));
-  EXPECT_TRUE(
-      Contains(Logged(LOG_ERR), "UPDTMSysUpdate(N): Turn on the reinstall library flag...!!"));
+  EXPECT_TRUE(Contains(LoggedMessages(LOG_ERR),
+                       "UPDTMSysUpdate(N): Turn on the reinstall library flag...!!"));
   EXPECT_EQ(archive, testing_support::ReadFile("/volume1/VeltUpgrade.tar.gz"));
 
   // A group update that succeeds runs no migration either.

@@ -1,31 +1,26 @@
 // Plans the patch against the FIS directory and the geometry of a mounted
 // simulated chip, with package files in a working directory.
-#include <ctype.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <limits.h>
-#include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
 
+#include "log_lines.h"
 #include "sdk/velt_mtd.h"
-#include "sim_test_programs.h"
+#include "sim_test_mount.h"
 #include "test_support.h"
 #include "updater/patch_plan.h"
 #include "updater/update_run.h"
 
 namespace {
 
-using sim_test::RunProgram;
-using sim_test::WaitForExit;
-
+using testing_support::LoggedRecords;
 using testing_support::SyslogRecord;
 
 constexpr uint32_t kBlock = 0x10000;
@@ -67,32 +62,10 @@ std::string Replace(std::string text, const std::string& key, const std::string&
   return text;
 }
 
-// `text` with the line number of its "Function(123): " head replaced by '#',
-// so that the rest of every message is compared exactly.
-std::string HideLine(const std::string& text) {
-  const size_t open = text.find('(');
-  if (open == 0 || open == std::string::npos) return text;
-  for (size_t i = 0; i < open; ++i) {
-    if (!isalnum(static_cast<unsigned char>(text[i])) && text[i] != '_') return text;
-  }
-  size_t end = open + 1;
-  while (end < text.size() && isdigit(static_cast<unsigned char>(text[end]))) ++end;
-  if (end == open + 1 || text.compare(end, 3, "): ") != 0) return text;
-  return text.substr(0, open + 1) + "#" + text.substr(end);
-}
-
-std::vector<SyslogRecord> Logged() {
-  std::vector<SyslogRecord> records;
-  for (const SyslogRecord& record : testing_support::SyslogRecords()) {
-    records.emplace_back(record.first, HideLine(record.second));
-  }
-  return records;
-}
-
 SyslogRecord Error(const std::string& text) { return {LOG_ERR, text}; }
 SyslogRecord Info(const std::string& text) { return {LOG_INFO, text}; }
 SyslogRecord Absent(const std::string& file) {
-  return Info("UPDTInitPatchInfo(#): file [" + file + "] not included in the patch package ");
+  return Info("UPDTInitPatchInfo(N): file [" + file + "] not included in the patch package ");
 }
 
 struct Row {
@@ -107,12 +80,8 @@ struct Row {
 class PatchPlanSim : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (std::string(FLASHSIM_DAEMON).empty() || std::string(FLASH_TOOL).empty()) {
-      GTEST_SKIP() << "the simulator programs were not built (libfuse3 is missing)";
-    }
-    if (access("/dev/fuse", R_OK | W_OK) != 0) {
-      GTEST_SKIP() << "/dev/fuse is not usable: " << strerror(errno);
-    }
+    const std::string why = sim_test::MountUnavailable();
+    if (!why.empty()) GTEST_SKIP() << why;
     UPDTResetRunState();
     state_ = dir_.File("state");
     mount_ = dir_.File("mnt");
@@ -128,14 +97,7 @@ class PatchPlanSim : public ::testing::Test {
     if (!cwd_.empty()) {
       EXPECT_EQ(0, chdir(cwd_.c_str()));
     }
-    if (daemon_ > 0) {
-      if (RunProgram({"fusermount3", "-u", mount_}) != 0) RunProgram({"umount", "-l", mount_});
-      if (!WaitForExit(daemon_, 10000)) {
-        kill(daemon_, SIGKILL);
-        waitpid(daemon_, nullptr, 0);
-        ADD_FAILURE() << "the daemon did not stop after the unmount";
-      }
-    }
+    if (!mount_.empty()) sim_test::StopDaemon(mount_, &daemon_);
     UPDTResetRunState();
   }
 
@@ -144,33 +106,9 @@ class PatchPlanSim : public ::testing::Test {
   // changes into the package directory.
   void Start(const std::string& layout, int junior) {
     testing_support::WriteFile(dir_.File("layout"), layout);
-    ASSERT_EQ(0, RunProgram({FLASH_TOOL, "create", state_, dir_.File("layout")}));
-    const std::string log = dir_.File("daemon.log");
-    daemon_ = fork();
-    ASSERT_GE(daemon_, 0);
-    if (daemon_ == 0) {
-      int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-      dup2(fd, STDERR_FILENO);
-      execl(FLASHSIM_DAEMON, FLASHSIM_DAEMON, state_.c_str(), mount_.c_str(), "-f", "-o",
-            "allow_other", static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    struct stat st;
-    bool ready = false;
-    for (int waited = 0; waited < 10000 && !ready; waited += 5) {
-      ready = stat((mount_ + "/.control").c_str(), &st) == 0;
-      if (!ready && waitpid(daemon_, nullptr, WNOHANG) == daemon_) {
-        daemon_ = -1;
-        const std::string why = testing_support::ReadFile(log);
-        if (why.find("not permitted") != std::string::npos ||
-            why.find("ermission denied") != std::string::npos) {
-          GTEST_SKIP() << "mounting is not possible here: " << why;
-        }
-        FAIL() << "the daemon stopped before the mount was ready: " << why;
-      }
-      if (!ready) usleep(5000);
-    }
-    ASSERT_TRUE(ready) << "the mount did not become ready";
+    ASSERT_EQ("", sim_test::CreateChipState(state_, dir_.File("layout")));
+    sim_test::StartDaemon(state_, mount_, dir_.File("daemon.log"), {"-o", "allow_other"}, &daemon_);
+    if (IsSkipped() || HasFatalFailure()) return;
 
     UPDTSelectLayout(junior);
     for (int i = 0; i < gPartitionCount; ++i) {
@@ -273,7 +211,7 @@ TEST_F(PatchPlanSim, OrdinaryBoardPlansPackageFilesAndKeepsTheOthers) {
           Info("PATCHINFO: part[FIS Directory] file[FIS Directory] start = [0xFFFF0000] "
                "size[0x65536] datalen=[0x00000800] nblock[1] balance[0] fneedupdate[0]"),
       }),
-      Logged());
+      LoggedRecords());
   EXPECT_EQ(0, UPDTNeedResize(gPartitionTable, gPartitionCount));
   // Planning only looks: nothing on the chip was written, erased or moved.
   const std::string trace = testing_support::ReadFile(state_ + "/trace.log");
@@ -297,7 +235,7 @@ TEST_F(PatchPlanSim, OrdinaryBoardWithAnEmptyPackageKeepsEveryPartition) {
       {"RedBoot Config", 0xFFFE0000, 0x1000, 0x10000, 0, 0},
       {"FIS Directory", 0xFFFF0000, 0x800, 0x10000, 0, 0},
   });
-  EXPECT_EQ(17u, Logged().size());  // flash size, then an absent file and PATCHINFO each
+  EXPECT_EQ(17u, LoggedRecords().size());  // flash size, then an absent file and PATCHINFO each
 }
 
 // Without any other file, the partitions need 105 of the 128 blocks; a
@@ -311,10 +249,10 @@ TEST_F(PatchPlanSim, NewContentsMayFillTheFlashButNotExceedIt) {
   PackageFile("zImage", 42 * kBlock + 1);
   testing_support::SyslogRecords().clear();
   EXPECT_EQ(-1, UPDTInitPatchInfo(fis_.data(), fis_count_));
-  const std::vector<SyslogRecord> logged = Logged();
+  const std::vector<SyslogRecord> logged = LoggedRecords();
   ASSERT_FALSE(logged.empty());
   // The skipped partitions count with their old contents.
-  EXPECT_EQ(Error("UPDTInitPatchInfo(#): the binary size exceeds flash size limit(total = 129)"),
+  EXPECT_EQ(Error("UPDTInitPatchInfo(N): the binary size exceeds flash size limit(total = 129)"),
             logged.back());
 }
 
@@ -344,10 +282,10 @@ TEST_F(PatchPlanSim, DirectoryWithoutItsOwnRecordHasNoFlashSize) {
   EXPECT_EQ(-1, UPDTInitPatchInfo(fis_.data(), fis_count_));
   EXPECT_EQ(
       (std::vector<SyslogRecord>{
-          Error("UPDTInitPatchInfo(#): ulAddrMtd7 = 0, ulAddrMtd0 = ff800000, ulSizeMtd7 = 0"),
-          Error("UPDTInitPatchInfo(#): flashsize == 0"),
+          Error("UPDTInitPatchInfo(N): ulAddrMtd7 = 0, ulAddrMtd0 = ff800000, ulSizeMtd7 = 0"),
+          Error("UPDTInitPatchInfo(N): flashsize == 0"),
       }),
-      Logged());
+      LoggedRecords());
   EXPECT_EQ(0u, gPartitionTable[1].datalen);  // nothing planned
 }
 
@@ -362,10 +300,10 @@ TEST_F(PatchPlanSim, DirectoryWithoutKernelRecordStillHasAFlashSize) {
                 Absent("RedBoot.msys"),
                 Info("PATCHINFO: part[RedBoot] file[RedBoot.msys] start = [0xFFF00000] "
                      "size[0x262144] datalen=[0x0003A448] nblock[4] balance[0] fneedupdate[0]"),
-                Error("GetIdxByName(#): unknown partition name [zImage]"),
-                Error("UPDTInitPatchInfo(#): get idx of partition 1 [zImage] fail"),
+                Error("GetIdxByName(N): unknown partition name [zImage]"),
+                Error("UPDTInitPatchInfo(N): get idx of partition 1 [zImage] fail"),
             }),
-            Logged());
+            LoggedRecords());
 }
 
 TEST_F(PatchPlanSim, JuniorBoardPlansItsSixPartitions) {
@@ -403,7 +341,7 @@ TEST_F(PatchPlanSim, JuniorBoardPlansItsSixPartitions) {
           Info("PATCHINFO: part[FIS Directory] file[FIS Directory] start = [0xFFFF0000] "
                "size[0x65536] datalen=[0x00000600] nblock[1] balance[0] fneedupdate[0]"),
       }),
-      Logged());
+      LoggedRecords());
 }
 
 // The junior chip has 32 blocks, 31 in use, none to spare in any partition.
@@ -415,15 +353,15 @@ TEST_F(PatchPlanSim, JuniorKernelOneBlockLargerFitsTheFlashButFindsNoDonor) {
   EXPECT_EQ(1, UPDTNeedResize(gPartitionTable, gPartitionCount));
   testing_support::SyslogRecords().clear();
   EXPECT_EQ(-1, ErrUPDTAdjustPartitionSize(gPartitionTable, gPartitionCount));
-  EXPECT_EQ(std::vector<SyslogRecord>{Error("ErrUPDTAdjustPartitionSize(#): negative balance")},
-            Logged());
+  EXPECT_EQ(std::vector<SyslogRecord>{Error("ErrUPDTAdjustPartitionSize(N): negative balance")},
+            LoggedRecords());
 
   PackageFile("zImage", 14 * kBlock + 1);
   testing_support::SyslogRecords().clear();
   EXPECT_EQ(-1, UPDTInitPatchInfo(fis_.data(), fis_count_));
-  ASSERT_FALSE(Logged().empty());
-  EXPECT_EQ(Error("UPDTInitPatchInfo(#): the binary size exceeds flash size limit(total = 33)"),
-            Logged().back());
+  ASSERT_FALSE(LoggedRecords().empty());
+  EXPECT_EQ(Error("UPDTInitPatchInfo(N): the binary size exceeds flash size limit(total = 33)"),
+            LoggedRecords().back());
 }
 
 TEST_F(PatchPlanSim, JuniorDirectoryWithoutItsOwnRecordHasNoFlashSize) {
@@ -431,10 +369,10 @@ TEST_F(PatchPlanSim, JuniorDirectoryWithoutItsOwnRecordHasNoFlashSize) {
   EXPECT_EQ(-1, UPDTInitPatchInfo(fis_.data(), fis_count_));
   EXPECT_EQ(
       (std::vector<SyslogRecord>{
-          Error("UPDTInitPatchInfo(#): ulAddrMtd7 = 0, ulAddrMtd0 = ffe00000, ulSizeMtd7 = 0"),
-          Error("UPDTInitPatchInfo(#): flashsize == 0"),
+          Error("UPDTInitPatchInfo(N): ulAddrMtd7 = 0, ulAddrMtd0 = ffe00000, ulSizeMtd7 = 0"),
+          Error("UPDTInitPatchInfo(N): flashsize == 0"),
       }),
-      Logged());
+      LoggedRecords());
 }
 
 }  // namespace

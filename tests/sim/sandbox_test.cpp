@@ -30,6 +30,7 @@
 #include <string>
 #include <vector>
 
+#include "sandbox_test_support.h"
 #include "sim/flash_state.h"
 #include "test_support.h"
 
@@ -38,6 +39,7 @@ namespace {
 using sandbox::RunResult;
 using sandbox::Sandbox;
 using sandbox::Scenario;
+using sandbox_test::Describe;
 using testing_support::ReadFile;
 
 // When a test runs this program inside a sandbox as its probe, it prints what
@@ -83,15 +85,8 @@ std::string Layout(const std::string& name) {
   return std::string(SANDBOX_LAYOUT_DIR) + "/" + name + ".layout";
 }
 
-// A fresh directory for a sandbox; it is not removed with a TempDir, so that a
-// failed test's sandbox can be kept (FILEBAY_KEEP_SANDBOX=1).
-std::string NewSandboxDir() {
-  const char* base = getenv("TMPDIR");
-  std::string pattern =
-      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/filebay-sandbox-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) return "";
-  return pattern;
-}
+// A fresh directory for a sandbox of the tests that make their own.
+std::string NewSandboxDir() { return sandbox_test::NewSandboxDir("filebay-sandbox"); }
 
 std::vector<std::string> HostMountsBelow(const std::string& dir) {
   std::vector<std::string> found;
@@ -112,55 +107,20 @@ bool Contains(const std::vector<std::string>& lines, const std::string& text) {
   return false;
 }
 
-std::string Describe(const RunResult& result) {
-  std::string text = "ok=" + std::to_string(result.ok) + " error=[" + result.error +
-                     "] status=" + std::to_string(result.status) + "\nstdout:\n" + result.out +
-                     "stderr:\n" + result.err + "syslog:\n";
-  for (const std::string& line : result.syslog) text += line + "\n";
-  return text;
-}
-
-class SandboxTest : public ::testing::Test {
+class SandboxTest : public sandbox_test::SandboxFixture {
  protected:
-  virtual bool NeedsFlash() const { return false; }
-
-  void SetUp() override {
-    const std::string reason = sandbox::Unavailable(TestTools(), NeedsFlash());
-    if (!reason.empty()) GTEST_SKIP() << reason;
-  }
-
-  void TearDown() override {
-    if (box_ == nullptr) return;
-    const std::string dir = box_->dir();
-    std::string error;
-    EXPECT_TRUE(box_->Destroy(HasFailure(), &error)) << error;
-    box_.reset();
-  }
-
-  // The sandbox of this test, or null after a recorded failure.
-  Sandbox* Build(const Scenario& scenario) {
-    const std::string dir = NewSandboxDir();
-    std::string error;
-    box_ = Sandbox::Create(dir, scenario, TestTools(), &error);
-    if (box_ == nullptr) {
-      ADD_FAILURE() << "Create(" << dir << "): " << error;
-      std::string ignored;
-      sandbox::DestroyDir(dir, &ignored);
-    }
-    return box_.get();
-  }
+  explicit SandboxTest(bool need_flash = false)
+      : SandboxFixture("filebay-sandbox", TestTools(), need_flash) {}
 
   RunResult Shell(const std::string& script, sandbox::RunOptions options = {}) {
     options.timeout_seconds = options.timeout_seconds == 60 ? 20 : options.timeout_seconds;
     return box_->Run({"/bin/sh", "-c", script}, options);
   }
-
-  std::unique_ptr<Sandbox> box_;
 };
 
 class SandboxFlashTest : public SandboxTest {
  protected:
-  bool NeedsFlash() const override { return true; }
+  SandboxFlashTest() : SandboxTest(/*need_flash=*/true) {}
 };
 
 // ------------------------------------------------------------ the root

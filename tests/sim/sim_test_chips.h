@@ -2,8 +2,11 @@
 #ifndef TESTS_SIM_SIM_TEST_CHIPS_H_
 #define TESTS_SIM_SIM_TEST_CHIPS_H_
 
+#include <gtest/gtest.h>
 #include <stdint.h>
+#include <stdio.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -96,6 +99,64 @@ inline flashsim::ChipState MSysChip(const std::string& dir) {
   }
   state.locked.assign(layout.BlockCount(), 0);
   return state;
+}
+
+// Deterministic image contents: xorshift32 bytes from `seed`.
+inline std::string ImageBytes(uint32_t seed, size_t length) {
+  std::string bytes(length, '\0');
+  uint32_t x = seed == 0 ? 1 : seed;
+  for (char& byte : bytes) {
+    x ^= x << 13;
+    x ^= x >> 17;
+    x ^= x << 5;
+    byte = static_cast<char>(x >> 8);
+  }
+  return bytes;
+}
+
+// Whole chip images compared; a difference is shown as how many bytes
+// differ, from where to where, addresses counted from `base`.
+inline ::testing::AssertionResult SameChip(const std::vector<uint8_t>& actual,
+                                           const std::vector<uint8_t>& expected,
+                                           uint32_t base = 0) {
+  if (actual.size() != expected.size()) {
+    return ::testing::AssertionFailure()
+           << "chip of " << actual.size() << " bytes, expected " << expected.size();
+  }
+  size_t differing = 0;
+  size_t first = 0;
+  size_t last = 0;
+  for (size_t i = 0; i < actual.size(); ++i) {
+    if (actual[i] == expected[i]) continue;
+    if (differing++ == 0) first = i;
+    last = i;
+  }
+  if (differing == 0) return ::testing::AssertionSuccess();
+  char where[160];
+  snprintf(where, sizeof(where),
+           "%zu bytes differ, from 0x%08zX to 0x%08zX (0x%02X, expected 0x%02X)", differing,
+           base + first, base + last, actual[first], expected[first]);
+  return ::testing::AssertionFailure() << where;
+}
+
+// One partition as a FIS directory record or the driver's table holds it,
+// compared and printed as a whole.
+struct FisEntry {
+  std::string name;
+  uint32_t flash_base;
+  uint32_t size;
+  uint32_t data_length;
+  bool operator==(const FisEntry& other) const {
+    return name == other.name && flash_base == other.flash_base && size == other.size &&
+           data_length == other.data_length;
+  }
+};
+
+inline std::ostream& operator<<(std::ostream& out, const FisEntry& entry) {
+  char text[80];
+  snprintf(text, sizeof(text), " 0x%08X 0x%08X 0x%08X", entry.flash_base, entry.size,
+           entry.data_length);
+  return out << entry.name << text;
 }
 
 inline std::vector<uint8_t> ReadBytes(const std::string& path) {

@@ -6,76 +6,38 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 // <mtd/mtd-user.h> needs the _IO* macros of <sys/ioctl.h> first.
 #include <mtd/mtd-user.h>
 
 #include <algorithm>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "lib/slib_error.h"
 #include "lib/unique_fd.h"
+#include "log_lines.h"
 #include "sim/flash_state.h"
 #include "sim_test_chips.h"
-#include "sim_test_programs.h"
+#include "sim_test_mount.h"
 #include "test_support.h"
 
 namespace {
 
-using sim_test::RunProgram;
-using sim_test::WaitForExit;
-
 using Lines = std::vector<std::string>;
 using sim_test::kFisDevice;
 using sim_test::kNorBase;
+using sim_test::SameChip;
 
 constexpr uint32_t kBlock = 0x10000;  // erase block of both board layouts
 constexpr size_t kStressOffset = 544;
 constexpr size_t kStressSize = VELT_MTD_STRESS_DATA_SIZE;
-
-// The example board layouts of the source tree.
-std::string LayoutFile(const std::string& name) {
-  return std::string(FLASH_LAYOUT_DIR) + "/" + name + ".layout";
-}
-
-// "" when equal, else where the first difference is.
-std::string FirstDifference(const std::vector<uint8_t>& expected,
-                            const std::vector<uint8_t>& actual) {
-  if (expected.size() != actual.size()) {
-    return "size " + std::to_string(actual.size()) + ", expected " +
-           std::to_string(expected.size());
-  }
-  for (size_t i = 0; i < expected.size(); ++i) {
-    if (expected[i] == actual[i]) continue;
-    std::ostringstream where;
-    where << std::hex << "chip offset 0x" << i << ": 0x" << int(actual[i]) << ", expected 0x"
-          << int(expected[i]);
-    return where.str();
-  }
-  return "";
-}
-
-// "Function(123): text" becomes "Function(N): text"; other texts stay.
-std::string WithoutLineNumber(const std::string& text) {
-  const size_t open = text.find('(');
-  if (open == std::string::npos || open == 0 || text.find(' ') < open) return text;
-  const size_t close = text.find_first_not_of("0123456789", open + 1);
-  if (close == open + 1 || close == std::string::npos || text.compare(close, 3, "): ") != 0) {
-    return text;
-  }
-  return text.substr(0, open) + "(N" + text.substr(close);
-}
 
 void PutBigEndian(uint32_t value, uint8_t* bytes) {
   for (int i = 0; i < 4; ++i) bytes[i] = static_cast<uint8_t>(value >> (24 - 8 * i));
@@ -100,16 +62,12 @@ VELTMTDFisEntry Entry(const char* name, uint32_t flash_base, uint32_t size, uint
 class VeltMtdTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (std::string(FLASHSIM_DAEMON).empty()) {
-      GTEST_SKIP() << "filebay-flashsim was not built (libfuse3 is missing)";
-    }
     if (NeedsFixedPaths()) {
       std::string why = testing_support::EnterThrowawayRoot();
       if (!why.empty()) GTEST_SKIP() << why;
     }
-    if (access("/dev/fuse", R_OK | W_OK) != 0) {
-      GTEST_SKIP() << "/dev/fuse is not usable: " << strerror(errno);
-    }
+    const std::string why = sim_test::MountUnavailable();
+    if (!why.empty()) GTEST_SKIP() << why;
     // Made after the throwaway root is entered, so that it lies inside it.
     dir_ = std::make_unique<testing_support::TempDir>();
     state_ = dir_->File("state");
@@ -127,14 +85,7 @@ class VeltMtdTest : public ::testing::Test {
   virtual bool NeedsFixedPaths() const { return false; }
 
   void Unmount() {
-    if (daemon_ <= 0) return;
-    if (RunProgram({"fusermount3", "-u", mount_}) != 0) RunProgram({"umount", "-l", mount_});
-    if (!WaitForExit(daemon_, 10000)) {
-      kill(daemon_, SIGKILL);
-      waitpid(daemon_, nullptr, 0);
-      ADD_FAILURE() << "the daemon did not stop after the unmount";
-    }
-    daemon_ = -1;
+    if (!mount_.empty()) sim_test::StopDaemon(mount_, &daemon_);
   }
 
   // Saves the chip into the state directory and mounts it with the daemon in
@@ -147,40 +98,16 @@ class VeltMtdTest : public ::testing::Test {
   }
 
   // A board's chip made by the offline tool from its layout file.
-  void MountBoard(const std::string& layout) {
-    ASSERT_FALSE(std::string(FLASH_TOOL).empty()) << "filebay-flash was not built";
-    ASSERT_EQ(0, RunProgram({FLASH_TOOL, "create", state_, LayoutFile(layout)}));
+  void MountBoard(const std::string& board) {
+    ASSERT_EQ("", sim_test::CreateChipState(state_, sim_test::BoardLayout(board)));
     MountState();
   }
 
   void MountState() {
     std::string error;
     ASSERT_TRUE(flashsim::LoadState(state_, &initial_, &error)) << error;
-    const std::string log = dir_->File("daemon.log");
-    daemon_ = fork();
-    ASSERT_GE(daemon_, 0);
-    if (daemon_ == 0) {
-      int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-      dup2(fd, STDERR_FILENO);
-      execl(FLASHSIM_DAEMON, FLASHSIM_DAEMON, state_.c_str(), mount_.c_str(), "-f", "-o",
-            "allow_other", static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    struct stat st;
-    for (int waited = 0; waited < 10000; waited += 5) {
-      if (stat(Path(".control").c_str(), &st) == 0) return;
-      if (waitpid(daemon_, nullptr, WNOHANG) == daemon_) {
-        daemon_ = -1;
-        std::string why = testing_support::ReadFile(log);
-        if (why.find("not permitted") != std::string::npos ||
-            why.find("ermission denied") != std::string::npos) {
-          GTEST_SKIP() << "mounting is not possible here: " << why;
-        }
-        FAIL() << "the daemon stopped before the mount was ready: " << why;
-      }
-      usleep(5000);
-    }
-    FAIL() << "the mount did not become ready";
+    sim_test::StartDaemon(state_, mount_, dir_->File("daemon.log"), {"-o", "allow_other"},
+                          &daemon_);
   }
 
   std::string Path(const std::string& name) const { return mount_ + "/" + name; }
@@ -206,17 +133,7 @@ class VeltMtdTest : public ::testing::Test {
   }
   uint32_t PartitionSize(int index) const { return initial_.layout.Find(index)->size; }
 
-  std::string Control(const std::string& command) {
-    UniqueFd control(open(Path(".control").c_str(), O_RDWR));
-    if (control.get() < 0) return std::string("open: ") + strerror(errno);
-    std::string line = command + "\n";
-    if (write(control.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
-      return std::string("write: ") + strerror(errno);
-    }
-    char answer[256] = {};
-    ssize_t length = pread(control.get(), answer, sizeof(answer) - 1, 0);
-    return length < 0 ? std::string("read: ") + strerror(errno) : std::string(answer);
-  }
+  std::string Control(const std::string& command) { return sim_test::Control(mount_, command); }
 
   // errno of an erase made by the test itself (not through the module), or 0.
   int EraseRange(int device, uint32_t start, uint32_t length) {
@@ -226,15 +143,10 @@ class VeltMtdTest : public ::testing::Test {
     return ioctl(fd.get(), MEMERASE, &range) == 0 ? 0 : errno;
   }
 
-  // The module's syslog lines, the source line number of "Function(123): "
-  // replaced by "N" and any priority other than error shown in front.
+  // The module's syslog lines, the source line number replaced by "N" and
+  // any priority other than error shown in front; taken out of the capture.
   Lines Logged() const {
-    Lines lines;
-    for (const auto& record : testing_support::SyslogRecords()) {
-      std::string text = WithoutLineNumber(record.second);
-      if (record.first != LOG_ERR) text = "priority " + std::to_string(record.first) + ": " + text;
-      lines.push_back(text);
-    }
+    const Lines lines = testing_support::LoggedErrorLines();
     testing_support::SyslogRecords().clear();
     return lines;
   }
@@ -313,7 +225,7 @@ TEST_P(VeltMtdBoardTest, ErasingOnePartitionLeavesTheRestOfTheChip) {
   std::vector<uint8_t> expected = initial_.image;
   std::fill(expected.begin() + ChipOffset(2), expected.begin() + ChipOffset(2) + PartitionSize(2),
             0xFF);
-  EXPECT_EQ("", FirstDifference(expected, ChipImage()));
+  EXPECT_TRUE(SameChip(ChipImage(), expected));
   char line[80];
   snprintf(line, sizeof(line), "erase mtd2 0x00000000 0x%08x ok", PartitionSize(2));
   EXPECT_EQ(Lines{line}, TraceOf("erase"));
@@ -333,7 +245,7 @@ TEST_P(VeltMtdBoardTest, PartitionExtentMovesTheViewAndErasesNothing) {
   UniqueFd fd(open(Device(1).c_str(), O_RDONLY));
   ASSERT_EQ(static_cast<ssize_t>(view.size()), pread(fd.get(), view.data(), view.size(), 0));
   EXPECT_TRUE(std::equal(view.begin(), view.end(), initial_.image.begin() + kBlock));
-  EXPECT_EQ("", FirstDifference(initial_.image, ChipImage()));
+  EXPECT_TRUE(SameChip(ChipImage(), initial_.image));
   char line[80];
   snprintf(line, sizeof(line), "set-extent mtd1 0x%08x 0x%08x ok", base, 3 * kBlock);
   EXPECT_EQ(Lines{line}, TraceOf("set-extent"));
@@ -352,7 +264,7 @@ TEST_P(VeltMtdBoardTest, FisEntryRewriteChangesOnlyThreeFieldsBigEndian) {
   PutBigEndian(0xFFF50000, record + 16);
   PutBigEndian(0x00090000, record + 24);
   PutBigEndian(0x0008ABCD, record + 32);
-  EXPECT_EQ("", FirstDifference(expected, ChipImage()));
+  EXPECT_TRUE(SameChip(ChipImage(), expected));
   EXPECT_EQ(Lines{}, Logged());
 }
 
@@ -481,7 +393,7 @@ TEST_F(VeltMtdTest, LockedPartitionRefusesWriteAndEraseUntilUnlockedWithAnyOther
   EXPECT_EQ(EIO, errno);
   EXPECT_EQ(-1, VELTMTDErasePartition(Device(1).c_str()));
   EXPECT_EQ(Lines{"Could not erase MTD device: " + Device(1) + ", errno = 5\n"}, Logged());
-  EXPECT_EQ("", FirstDifference(initial_.image, ChipImage()));
+  EXPECT_TRUE(SameChip(ChipImage(), initial_.image));
 
   ASSERT_EQ(0, VELTMTDILock(Device(1).c_str(), 2));
   EXPECT_EQ("0000000000000000", testing_support::ReadFile(state_ + "/locks"));
@@ -512,7 +424,7 @@ TEST_F(VeltMtdTest, EraseFailuresLogTheirErrno) {
                  ", errno = 5",
              "Could not erase MTD device: " + Device(2) + ", errno = 5\n"}),
       Logged());
-  EXPECT_EQ("", FirstDifference(initial_.image, ChipImage()));
+  EXPECT_TRUE(SameChip(ChipImage(), initial_.image));
 }
 
 TEST_F(VeltMtdTest, LockFailuresCarryTheInternalFunctionName) {
@@ -580,7 +492,7 @@ TEST_F(VeltMtdTest, FisEntryWithUnknownNameOrFaultFailsAndChangesNothing) {
           "VELTMTDModifyFISEntry: Failed to set the mtd info of " + fis + " by ioctl, errno = 5\n",
           "VELTMTDModifyFISEntry(N): fail to open mtd device " + Path("mtd9") + ", errno = 2"}),
       Logged());
-  EXPECT_EQ("", FirstDifference(initial_.image, ChipImage()));
+  EXPECT_TRUE(SameChip(ChipImage(), initial_.image));
 }
 
 TEST_F(VeltMtdTest, FisEntryNameIsCutToFifteenCharacters) {
@@ -596,7 +508,7 @@ TEST_F(VeltMtdTest, FisEntryNameIsCutToFifteenCharacters) {
   PutBigEndian(0xFFFF3000, &expected[0xF000 + 256 + 16]);
   PutBigEndian(0x3000, &expected[0xF000 + 256 + 24]);
   PutBigEndian(0x20, &expected[0xF000 + 256 + 32]);
-  EXPECT_EQ("", FirstDifference(expected, ChipImage()));
+  EXPECT_TRUE(SameChip(ChipImage(), expected));
 }
 
 // ---- flash type ----
@@ -641,7 +553,7 @@ class VeltMtdStressTest : public VeltMtdTest {
   }
 
   void TearDown() override {
-    unlink("/dev/mtd5");
+    if (dir_ != nullptr) unlink("/dev/mtd5");  // not before the throwaway root is entered
     VeltMtdTest::TearDown();
   }
 
@@ -667,7 +579,7 @@ TEST_F(VeltMtdStressTest, BlockRoundTripsAtOffset544OfMtd5) {
   std::vector<uint8_t> expected = initial_.image;
   std::fill(expected.begin() + ChipOffset(5), expected.begin() + ChipOffset(5) + kBlock, 0xFF);
   std::copy(data.begin(), data.end(), expected.begin() + ChipOffset(5) + kStressOffset);
-  EXPECT_EQ("", FirstDifference(expected, ChipImage()));
+  EXPECT_TRUE(SameChip(ChipImage(), expected));
   EXPECT_EQ(Lines{"write mtd5 0x00000220 652 ok"}, TraceOf("write"));
   EXPECT_EQ(0, SLIBCErrGet());
   EXPECT_FALSE(testing_support::FileExists("/var/log/stress.data"));
@@ -721,7 +633,7 @@ TEST_F(VeltMtdStressTest, JuniorKeepsTheBlockInAFileAndLeavesTheFlashAlone) {
   std::vector<uint8_t> read_back(kStressSize, 0);
   ASSERT_EQ(0, VELTMTDStressData(read_back.data(), 1));
   EXPECT_EQ(data, read_back);
-  EXPECT_EQ("", FirstDifference(initial_.image, ChipImage()));
+  EXPECT_TRUE(SameChip(ChipImage(), initial_.image));
   EXPECT_EQ(Lines{}, TraceOf("write"));
   EXPECT_EQ(0, SLIBCErrGet());
 }

@@ -1,6 +1,5 @@
 #include "updater/file_copy.h"
 
-#include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -15,34 +14,17 @@
 #include <vector>
 
 #include "gtest/gtest.h"
+#include "log_lines.h"
 #include "test_support.h"
 #include "updater/update_run.h"
 #include "updater/update_status.h"
 
 namespace {
 
+using testing_support::LoggedRecords;
 using testing_support::ReadFile;
 using testing_support::SyslogRecord;
 using testing_support::WriteFile;
-
-// The log with the source line of each "file_copy.cpp:123(" head replaced
-// by '#', so that the rest of every message is compared exactly.
-std::string HideLine(const std::string& text) {
-  static const std::string kHead = "file_copy.cpp:";
-  if (text.compare(0, kHead.size(), kHead) != 0) return text;
-  size_t end = kHead.size();
-  while (end < text.size() && isdigit(static_cast<unsigned char>(text[end]))) ++end;
-  if (end == kHead.size() || end == text.size() || text[end] != '(') return text;
-  return kHead + "#" + text.substr(end);
-}
-
-std::vector<SyslogRecord> Logged() {
-  std::vector<SyslogRecord> records;
-  for (const SyslogRecord& record : testing_support::SyslogRecords()) {
-    records.emplace_back(record.first, HideLine(record.second));
-  }
-  return records;
-}
 
 SyslogRecord Error(const std::string& text) { return {LOG_ERR, text}; }
 
@@ -77,7 +59,7 @@ TEST_F(FileCopy, CopiesEveryBlockIntoTheExistingDestination) {
   WriteFile(File("device"), std::string(image.size(), '\xFF'));
   EXPECT_EQ(0, UPDTCopyFile(File("image").c_str(), File("device").c_str(), image.size(), 16384));
   EXPECT_EQ(image, ReadFile(File("device")));
-  EXPECT_TRUE(Logged().empty());
+  EXPECT_TRUE(LoggedRecords().empty());
   EXPECT_EQ(image.size(), gullUpdateDone);
 }
 
@@ -88,9 +70,9 @@ TEST_F(FileCopy, ShortSourceIsCopiedWholeWithAWarningAndSucceeds) {
   EXPECT_EQ(0, UPDTCopyFile(File("image").c_str(), File("device").c_str(), 30000, 16384));
   EXPECT_EQ(image, ReadFile(File("device")));
   EXPECT_EQ(
-      std::vector<SyslogRecord>{Error("file_copy.cpp:#(UPDTCopyFile) read file [" + File("image") +
+      std::vector<SyslogRecord>{Error("file_copy.cpp:N(UPDTCopyFile) read file [" + File("image") +
                                       "] only 20000 bytes, 30000 bytes needed: (0) Success.")},
-      Logged());
+      LoggedRecords());
 }
 
 TEST_F(FileCopy, CopyGoesOnToTheEndOfALongerSource) {
@@ -100,9 +82,9 @@ TEST_F(FileCopy, CopyGoesOnToTheEndOfALongerSource) {
   EXPECT_EQ(0, UPDTCopyFile(File("image").c_str(), File("device").c_str(), 4096, 4096));
   EXPECT_EQ(image, ReadFile(File("device")));
   EXPECT_EQ(
-      std::vector<SyslogRecord>{Error("file_copy.cpp:#(UPDTCopyFile) read file [" + File("image") +
+      std::vector<SyslogRecord>{Error("file_copy.cpp:N(UPDTCopyFile) read file [" + File("image") +
                                       "] only 5000 bytes, 4096 bytes needed: (0) Success.")},
-      Logged());
+      LoggedRecords());
 }
 
 TEST_F(FileCopy, DestinationIsNeverTruncated) {
@@ -119,18 +101,18 @@ TEST_F(FileCopy, MissingDestinationIsNotCreated) {
   EXPECT_EQ(-1, UPDTCopyFile(File("image").c_str(), File("device").c_str(), 100, 16384));
   EXPECT_FALSE(testing_support::FileExists(File("device")));
   EXPECT_EQ(
-      std::vector<SyslogRecord>{Error("file_copy.cpp:#(UPDTCopyFile) open [" + File("device") +
+      std::vector<SyslogRecord>{Error("file_copy.cpp:N(UPDTCopyFile) open [" + File("device") +
                                       "] error: (2) No such file or directory.")},
-      Logged());
+      LoggedRecords());
 }
 
 TEST_F(FileCopy, MissingSourceFailsAtOpenAndLeavesTheDestination) {
   WriteFile(File("device"), "kept");
   EXPECT_EQ(-1, UPDTCopyFile(File("image").c_str(), File("device").c_str(), 100, 16384));
   EXPECT_EQ("kept", ReadFile(File("device")));
-  EXPECT_EQ(std::vector<SyslogRecord>{Error("file_copy.cpp:#(UPDTCopyFile) open [" + File("image") +
+  EXPECT_EQ(std::vector<SyslogRecord>{Error("file_copy.cpp:N(UPDTCopyFile) open [" + File("image") +
                                             "] error: (2) No such file or directory.")},
-            Logged());
+            LoggedRecords());
 }
 
 TEST_F(FileCopy, UnreadableSourceIsAReadError) {
@@ -138,9 +120,9 @@ TEST_F(FileCopy, UnreadableSourceIsAReadError) {
   WriteFile(File("device"), "kept");
   EXPECT_EQ(-1, UPDTCopyFile(File("image").c_str(), File("device").c_str(), 100, 16384));
   EXPECT_EQ("kept", ReadFile(File("device")));
-  EXPECT_EQ(std::vector<SyslogRecord>{Error("file_copy.cpp:#(UPDTCopyFile) read file [" +
+  EXPECT_EQ(std::vector<SyslogRecord>{Error("file_copy.cpp:N(UPDTCopyFile) read file [" +
                                             File("image") + "] error: (21) Is a directory.")},
-            Logged());
+            LoggedRecords());
 }
 
 TEST_F(FileCopy, RefusedWriteIsAWriteError) {
@@ -158,9 +140,9 @@ TEST_F(FileCopy, RefusedWriteIsAWriteError) {
   signal(SIGXFSZ, old_handler);
   EXPECT_EQ(-1, result);
   EXPECT_EQ("", ReadFile(File("device")));
-  EXPECT_EQ(std::vector<SyslogRecord>{Error("file_copy.cpp:#(UPDTCopyFile) write file [" +
+  EXPECT_EQ(std::vector<SyslogRecord>{Error("file_copy.cpp:N(UPDTCopyFile) write file [" +
                                             File("device") + "] error: (27) File too large.")},
-            Logged());
+            LoggedRecords());
 }
 
 TEST_F(FileCopy, NullPathsAndZeroSizesFailSilently) {
@@ -175,7 +157,7 @@ TEST_F(FileCopy, NullPathsAndZeroSizesFailSilently) {
     EXPECT_EQ(-1, operation(image_path.c_str(), device.c_str(), 1, 0));
   }
   EXPECT_EQ("y", ReadFile(File("device")));
-  EXPECT_TRUE(Logged().empty());
+  EXPECT_TRUE(LoggedRecords().empty());
 }
 
 TEST_F(FileCopy, VerifyAcceptsEqualContentsFollowedByMore) {
@@ -183,7 +165,7 @@ TEST_F(FileCopy, VerifyAcceptsEqualContentsFollowedByMore) {
   WriteFile(File("image"), image);
   WriteFile(File("device"), image + std::string(5000, '\xFF'));  // the rest of the partition
   EXPECT_EQ(0, UPDTVerifyFile(File("image").c_str(), File("device").c_str(), image.size(), 8192));
-  EXPECT_TRUE(Logged().empty());
+  EXPECT_TRUE(LoggedRecords().empty());
   EXPECT_EQ(image.size(), gullUpdateDone);
 }
 
@@ -194,10 +176,10 @@ TEST_F(FileCopy, VerifyReportsTheOffsetOfTheDifferingBlock) {
   WriteFile(File("image"), image);
   WriteFile(File("device"), device);
   EXPECT_EQ(-1, UPDTVerifyFile(File("image").c_str(), File("device").c_str(), image.size(), 8192));
-  EXPECT_EQ(std::vector<SyslogRecord>{Error("file_copy.cpp:#(UPDTVerifyFile) compare file [" +
+  EXPECT_EQ(std::vector<SyslogRecord>{Error("file_copy.cpp:N(UPDTVerifyFile) compare file [" +
                                             File("image") + "] vs [" + File("device") +
                                             "] error at offset 0x2000")},
-            Logged());
+            LoggedRecords());
   EXPECT_EQ(0x2000u, gullUpdateDone);  // the block before the difference counted
 }
 
@@ -206,9 +188,9 @@ TEST_F(FileCopy, VerifyFailsWhenTheDestinationEndsFirst) {
   WriteFile(File("image"), image);
   WriteFile(File("device"), image.substr(0, 2 * 8192 + 10));
   EXPECT_EQ(-1, UPDTVerifyFile(File("image").c_str(), File("device").c_str(), image.size(), 8192));
-  EXPECT_EQ(std::vector<SyslogRecord>{Error("file_copy.cpp:#(UPDTVerifyFile) read file [" +
+  EXPECT_EQ(std::vector<SyslogRecord>{Error("file_copy.cpp:N(UPDTVerifyFile) read file [" +
                                             File("device") + "] error: (0) Success.")},
-            Logged());
+            LoggedRecords());
 }
 
 TEST_F(FileCopy, VerifyOfAShortSourceWarnsAndSucceeds) {
@@ -216,10 +198,10 @@ TEST_F(FileCopy, VerifyOfAShortSourceWarnsAndSucceeds) {
   WriteFile(File("image"), image);
   WriteFile(File("device"), image);
   EXPECT_EQ(0, UPDTVerifyFile(File("image").c_str(), File("device").c_str(), 16384, 8192));
-  EXPECT_EQ(std::vector<SyslogRecord>{Error("file_copy.cpp:#(UPDTVerifyFile) read file [" +
+  EXPECT_EQ(std::vector<SyslogRecord>{Error("file_copy.cpp:N(UPDTVerifyFile) read file [" +
                                             File("image") +
                                             "] only 9000 bytes, 16384 bytes needed: (0) Success.")},
-            Logged());
+            LoggedRecords());
 }
 
 TEST_F(FileCopy, VerifyOpensBothFilesWithTheOpenRule) {
@@ -227,12 +209,12 @@ TEST_F(FileCopy, VerifyOpensBothFilesWithTheOpenRule) {
   EXPECT_EQ(-1, UPDTVerifyFile(File("image").c_str(), File("device").c_str(), 3, 8192));
   EXPECT_EQ(-1, UPDTVerifyFile(File("none").c_str(), File("image").c_str(), 3, 8192));
   EXPECT_EQ((std::vector<SyslogRecord>{
-                Error("file_copy.cpp:#(UPDTVerifyFile) open [" + File("device") +
+                Error("file_copy.cpp:N(UPDTVerifyFile) open [" + File("device") +
                       "] error: (2) No such file or directory."),
-                Error("file_copy.cpp:#(UPDTVerifyFile) open [" + File("none") +
+                Error("file_copy.cpp:N(UPDTVerifyFile) open [" + File("none") +
                       "] error: (2) No such file or directory."),
             }),
-            Logged());
+            LoggedRecords());
 }
 
 std::string ProgressRecord() { return ReadFile(UPDT_PROGRESS_FILE); }
@@ -267,8 +249,8 @@ void CopyWithDescriptorZeroFree(const std::string& source, const std::string& de
   const int result = UPDTCopyFile(source.c_str(), destination.c_str(), 3, 16);
   const bool closed_again = fcntl(STDIN_FILENO, F_GETFD) == -1;
   const std::vector<SyslogRecord> expected = {
-      Error("file_copy.cpp:#(UPDTCopyFile) open [" + source + "] error: (0) Success.")};
-  exit(result == -1 && closed_again && Logged() == expected ? 0 : 1);
+      Error("file_copy.cpp:N(UPDTCopyFile) open [" + source + "] error: (0) Success.")};
+  exit(result == -1 && closed_again && LoggedRecords() == expected ? 0 : 1);
 }
 
 TEST_F(FileCopy, DescriptorZeroCountsAsAFailedOpen) {
@@ -283,9 +265,9 @@ void CopyUnderAddressSpaceLimit(const std::string& source, const std::string& de
   testing_support::SyslogRecords().clear();
   if (!testing_support::LimitAddressSpace(16 << 20)) exit(3);
   const int result = UPDTCopyFile(source.c_str(), destination.c_str(), 1, 1u << 30);
-  const std::vector<SyslogRecord> logged = Logged();
+  const std::vector<SyslogRecord> logged = LoggedRecords();
   const SyslogRecord expected =
-      Error("file_copy.cpp:#(UPDTCopyFile) malloc [1073741824] fail: (12) Cannot allocate memory.");
+      Error("file_copy.cpp:N(UPDTCopyFile) malloc [1073741824] fail: (12) Cannot allocate memory.");
   exit(result == -1 && logged.size() == 1 && logged[0] == expected ? 0 : 1);
 }
 

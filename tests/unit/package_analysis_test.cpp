@@ -15,10 +15,12 @@
 #include <string>
 #include <vector>
 
+#include "log_lines.h"
 #include "test_support.h"
 #include "updater/update_run.h"
 
 using testing_support::FileExists;
+using testing_support::LoggedErrorLines;
 using testing_support::ReadFile;
 using testing_support::WriteFile;
 
@@ -51,31 +53,6 @@ const std::string kSkip = Logged("Skip OS build version checking...");
 const std::string kNoDefaultFsInInfo = LoggedAt("can not get [defaultfs] in [/etc/veltinfo.conf]");
 const std::string kNoDefaultFsInFactory =
     LoggedAt("can not get [defaultfs] in [/etc.defaults/veltinfo.conf]");
-
-// When `line` starts with `prefix` followed by a decimal number and `after`,
-// the number becomes "N".
-std::string HideNumberAfter(const std::string& line, const std::string& prefix, char after) {
-  if (line.compare(0, prefix.size(), prefix) != 0) return line;
-  size_t end = prefix.size();
-  while (end < line.size() && isdigit(static_cast<unsigned char>(line[end]))) ++end;
-  if (end == prefix.size() || end == line.size() || line[end] != after) return line;
-  return prefix + "N" + line.substr(end);
-}
-
-// The syslog lines with their line numbers replaced by N; any line of
-// another priority than error is shown with its priority so that it fails a
-// comparison.
-std::vector<std::string> SyslogLines() {
-  std::vector<std::string> lines;
-  for (const auto& [priority, text] : testing_support::SyslogRecords()) {
-    std::string line = HideNumberAfter(text, "ErrUPDTIAnalyze_WholeSystem(", ')');
-    line = HideNumberAfter(line, "ErrUPDTIAnalyze(", ')');
-    line = HideNumberAfter(line, "updater/package_analysis.cpp:", '(');
-    if (priority != LOG_ERR) line = "priority " + std::to_string(priority) + ": " + line;
-    lines.push_back(line);
-  }
-  return lines;
-}
 
 // The flags of the run as one text in table order: names of the flags that
 // are set, "NoDriverBuffer" when the driver buffer was given up; any value
@@ -421,7 +398,7 @@ TEST_F(PackageAnalysis, VersionPairsGiveCodeFlagsAndLogLines) {
 
     EXPECT_EQ(row.code, ErrUPDTIAnalyze_WholeSystem());
     EXPECT_EQ(row.flags, FlagsText());
-    EXPECT_EQ(row.log, SyslogLines());
+    EXPECT_EQ(row.log, LoggedErrorLines());
     if (row.upgrade_line) {
       ExpectUpgradeLine(std::string("Upgrade from version ") + row.old_version + " to version " +
                         row.new_version);
@@ -442,7 +419,7 @@ TEST_F(PackageAnalysis, UpgradeLineCarriesTheTextsAsRead) {
 
   // Phase "rc7x" counts as 0 against the old phase "03": refused without a line.
   EXPECT_EQ(10, ErrUPDTIAnalyze_WholeSystem());
-  EXPECT_EQ(std::vector<std::string>{}, SyslogLines());
+  EXPECT_EQ(std::vector<std::string>{}, LoggedErrorLines());
   EXPECT_FALSE(FileExists(kUpdateLog));
 
   WriteFile(kPackageVersion,
@@ -481,7 +458,7 @@ TEST_F(PackageAnalysis, MissingKeyRefusesWithItsOwnLine) {
     WriteFile(path, content.substr(0, start) + content.substr(content.find('\n', start) + 1));
 
     EXPECT_EQ(row.code, ErrUPDTIAnalyze_WholeSystem());
-    EXPECT_EQ(std::vector<std::string>{Logged(row.line)}, SyslogLines());
+    EXPECT_EQ(std::vector<std::string>{Logged(row.line)}, LoggedErrorLines());
     EXPECT_EQ("", FlagsText());
     EXPECT_FALSE(FileExists(kUpdateLog));
   }
@@ -492,48 +469,49 @@ TEST_F(PackageAnalysis, SystemIsReadBeforePackageAndUniqueBeforeVersion) {
   WriteSystem("2.0.3.100", nullptr);
   WriteFile(kPackageVersion, UniqueLine(kModel));
   EXPECT_EQ(8, ErrUPDTIAnalyze_WholeSystem());
-  EXPECT_EQ(std::vector<std::string>{}, SyslogLines());
+  EXPECT_EQ(std::vector<std::string>{}, LoggedErrorLines());
 
   // A system build of 0 and a package without a unique string: 6.
   SetUp();
   WriteSystem("2.0.3.0", kModel);
   WritePackage("2.0.3.9999", nullptr);
   EXPECT_EQ(6, ErrUPDTIAnalyze_WholeSystem());
-  EXPECT_EQ(std::vector<std::string>{Logged("buildnumber or major version == 0")}, SyslogLines());
+  EXPECT_EQ(std::vector<std::string>{Logged("buildnumber or major version == 0")},
+            LoggedErrorLines());
 
   // A package without a unique string and without a major version: 9.
   SetUp();
   WriteSystem("2.0.3.100", kModel);
   WriteFile(kPackageVersion, "buildnumber=1\n");
   EXPECT_EQ(9, ErrUPDTIAnalyze_WholeSystem());
-  EXPECT_EQ(std::vector<std::string>{}, SyslogLines());
+  EXPECT_EQ(std::vector<std::string>{}, LoggedErrorLines());
 }
 
 TEST_F(PackageAnalysis, MissingSystemVersionFileRefusesWith6) {
   WriteNewerPackage(kModel);
   ASSERT_EQ(0, unlink(kSystemVersion));
   EXPECT_EQ(6, ErrUPDTIAnalyze_WholeSystem());
-  EXPECT_EQ(std::vector<std::string>{Logged("fail to read major version")}, SyslogLines());
+  EXPECT_EQ(std::vector<std::string>{Logged("fail to read major version")}, LoggedErrorLines());
 }
 
 TEST_F(PackageAnalysis, ValueTooLongForItsBufferCountsAsMissing) {
   WriteNewerPackage(kModel);
   WriteFile(kSystemVersion, VersionLines("2.0.3.123456789"));  // 9 digits, room for 8
   EXPECT_EQ(6, ErrUPDTIAnalyze_WholeSystem());
-  EXPECT_EQ(std::vector<std::string>{Logged("fail to read buildnumber")}, SyslogLines());
+  EXPECT_EQ(std::vector<std::string>{Logged("fail to read buildnumber")}, LoggedErrorLines());
 
   SetUp();
   WriteNewerPackage(kModel);
   WriteFile(kFactoryInfo, "unique=\"" + std::string(33, 'u') + "\"\n");  // room for 32
   EXPECT_EQ(8, ErrUPDTIAnalyze_WholeSystem());
-  EXPECT_EQ(std::vector<std::string>{}, SyslogLines());
+  EXPECT_EQ(std::vector<std::string>{}, LoggedErrorLines());
 }
 
 TEST_F(PackageAnalysis, PackageVersionFileMustBeANonEmptyReadableRegularFile) {
   const std::vector<std::string> kLine = {Logged("the file [/volume1/upd@te/VERSION]")};
   WriteSystem("2.0.3.100", kModel);
   EXPECT_EQ(7, ErrUPDTIAnalyze_WholeSystem());
-  EXPECT_EQ(kLine, SyslogLines());
+  EXPECT_EQ(kLine, LoggedErrorLines());
 
   const std::function<void()> kBadFiles[] = {
       [] { WriteFile(kPackageVersion, ""); },
@@ -548,7 +526,7 @@ TEST_F(PackageAnalysis, PackageVersionFileMustBeANonEmptyReadableRegularFile) {
     WriteSystem("2.0.3.100", kModel);
     make_bad_file();
     EXPECT_EQ(7, ErrUPDTIAnalyze_WholeSystem());
-    EXPECT_EQ(kLine, SyslogLines());
+    EXPECT_EQ(kLine, LoggedErrorLines());
     EXPECT_FALSE(FileExists(kUpdateLog));
   }
 }
@@ -562,7 +540,7 @@ TEST_F(PackageAnalysis, UpdateListWithDependencyIsRefusedAsPartial) {
 
   EXPECT_EQ(6, ErrUPDTIAnalyze());
   EXPECT_EQ("Partial", FlagsText());
-  EXPECT_EQ(std::vector<std::string>{}, SyslogLines());
+  EXPECT_EQ(std::vector<std::string>{}, LoggedErrorLines());
   EXPECT_FALSE(FileExists(kUpdateLog));
 }
 
@@ -570,7 +548,7 @@ TEST_F(PackageAnalysis, UpdateListWithoutDependencyIsRefusedWith13) {
   WriteNewerPackage(kModel);
   WriteFile(std::string(kWorkDir) + "/UPDATELIST", "zImage\n");
   EXPECT_EQ(13, ErrUPDTIAnalyze());
-  EXPECT_EQ(std::vector<std::string>{"ErrUPDTIAnalyze(N)"}, SyslogLines());
+  EXPECT_EQ(std::vector<std::string>{"ErrUPDTIAnalyze(N)"}, LoggedErrorLines());
   EXPECT_EQ("", FlagsText());
 
   // An empty dependency file does not count.
@@ -579,7 +557,7 @@ TEST_F(PackageAnalysis, UpdateListWithoutDependencyIsRefusedWith13) {
   WriteFile(std::string(kWorkDir) + "/UPDATELIST", "zImage\n");
   WriteFile(std::string(kWorkDir) + "/DEPENDENCY", "");
   EXPECT_EQ(13, ErrUPDTIAnalyze());
-  EXPECT_EQ(std::vector<std::string>{"ErrUPDTIAnalyze(N)"}, SyslogLines());
+  EXPECT_EQ(std::vector<std::string>{"ErrUPDTIAnalyze(N)"}, LoggedErrorLines());
   EXPECT_FALSE(FileExists(kUpdateLog));
 }
 
@@ -599,7 +577,7 @@ TEST_F(PackageAnalysis, WithoutUpdateListTheWholeSystemIsAnalysed) {
   EXPECT_EQ(12, ErrUPDTIAnalyze());
   EXPECT_EQ(std::vector<std::string>{Logged(
                 "szOrgCompany = [veltara_powerpc_2hd], szNewCompany=[orvan_powerpc_2hd]")},
-            SyslogLines());
+            LoggedErrorLines());
   EXPECT_FALSE(FileExists(kUpdateLog));
 }
 
@@ -613,7 +591,7 @@ TEST_F(PackageAnalysis, MissingDefaultFsIsTakenFromFactorySettings) {
   EXPECT_EQ(0, ErrUPDTIAnalyze_WholeSystem());
   EXPECT_EQ("hostname=box\ndefaultfs=\"ext3\"\n", ReadFile(kInfo));
   EXPECT_EQ((std::vector<std::string>{kNoDefaultFsInInfo, "szKey=defaultfs, szValue=ext3"}),
-            SyslogLines());
+            LoggedErrorLines());
   EXPECT_EQ("Papd FtpUser Profile Jumbo RcFstab MTU NoDriverBuffer FtpPassive Reset Rsyncd",
             FlagsText());
   ExpectUpgradeLine("Upgrade from version 2.0.3.100 to version 2.0.3.9999");
@@ -629,7 +607,7 @@ TEST_F(PackageAnalysis, DefaultFsMissingEverywhereBecomesReiserfs) {
   EXPECT_EQ("hostname=box\ndefaultfs=\"reiserfs\"\n", ReadFile(kInfo));
   EXPECT_EQ((std::vector<std::string>{kNoDefaultFsInInfo, kNoDefaultFsInFactory,
                                       "szKey=defaultfs, szValue=reiserfs"}),
-            SyslogLines());
+            LoggedErrorLines());
 }
 
 TEST_F(PackageAnalysis, MissingSettingsFileIsCreatedWithDefaultFs) {
@@ -648,7 +626,7 @@ TEST_F(PackageAnalysis, ExistingDefaultFsIsLeftAsItIs) {
 
   EXPECT_EQ(0, ErrUPDTIAnalyze_WholeSystem());
   EXPECT_EQ(settings, ReadFile(kInfo));
-  EXPECT_EQ(std::vector<std::string>{}, SyslogLines());
+  EXPECT_EQ(std::vector<std::string>{}, LoggedErrorLines());
 }
 
 TEST_F(PackageAnalysis, UnwritableDefaultFsRefusesWith22AndKeepsSettings) {
@@ -662,7 +640,7 @@ TEST_F(PackageAnalysis, UnwritableDefaultFsRefusesWith22AndKeepsSettings) {
   EXPECT_EQ((std::vector<std::string>{kNoDefaultFsInInfo, "szKey=defaultfs, szValue=ext3",
                                       LoggedAt("can not set [defaultfs=ext3] to "
                                                "/etc/veltinfo.conf")}),
-            SyslogLines());
+            LoggedErrorLines());
   // Flags up to the refusing step stay set; later ones are never reached.
   EXPECT_EQ("Papd FtpUser Profile Jumbo RcFstab", FlagsText());
   EXPECT_FALSE(FileExists(kUpdateLog));
@@ -700,7 +678,7 @@ TEST_F(PackageAnalysis, WriteableThatIsNoDirectorySkipsTheStep) {
   EXPECT_EQ(0, ErrUPDTIAnalyze_WholeSystem());
   EXPECT_EQ("Papd FtpUser Profile Jumbo MTU NoDriverBuffer FtpPassive Reset Rsyncd", FlagsText());
   EXPECT_EQ("hostname=box\n", ReadFile(kInfo));
-  EXPECT_EQ(std::vector<std::string>{}, SyslogLines());
+  EXPECT_EQ(std::vector<std::string>{}, LoggedErrorLines());
 }
 
 TEST_F(PackageAnalysis, EveryFileSystemMigrationModelTakesTheStep) {

@@ -1,6 +1,5 @@
 #include "updater/patch_plan.h"
 
-#include <ctype.h>
 #include <stdio.h>
 #include <string.h>
 #include <syslog.h>
@@ -9,37 +8,17 @@
 #include <vector>
 
 #include "gtest/gtest.h"
+#include "log_lines.h"
 #include "test_support.h"
 #include "updater/fis_record.h"
 #include "updater/update_run.h"
 
 namespace {
 
+using testing_support::LoggedRecords;
 using testing_support::SyslogRecord;
 
 constexpr uint32_t kBlock = 0x10000;
-
-// `text` with the line number of its "Function(123): " head replaced by '#',
-// so that the rest of every message is compared exactly.
-std::string HideLine(const std::string& text) {
-  const size_t open = text.find('(');
-  if (open == 0 || open == std::string::npos) return text;
-  for (size_t i = 0; i < open; ++i) {
-    if (!isalnum(static_cast<unsigned char>(text[i])) && text[i] != '_') return text;
-  }
-  size_t end = open + 1;
-  while (end < text.size() && isdigit(static_cast<unsigned char>(text[end]))) ++end;
-  if (end == open + 1 || text.compare(end, 3, "): ") != 0) return text;
-  return text.substr(0, open + 1) + "#" + text.substr(end);
-}
-
-std::vector<SyslogRecord> Logged() {
-  std::vector<SyslogRecord> records;
-  for (const SyslogRecord& record : testing_support::SyslogRecords()) {
-    records.emplace_back(record.first, HideLine(record.second));
-  }
-  return records;
-}
 
 SyslogRecord Error(const std::string& text) { return {LOG_ERR, text}; }
 SyslogRecord Info(const std::string& text) { return {LOG_INFO, text}; }
@@ -129,7 +108,7 @@ TEST_F(PatchPlan, DonorIsTheRoomiestMovablePartitionAndTiesKeepTheEarlierOne) {
     EXPECT_EQ(test.balances, Balances(rows));
     EXPECT_EQ(test.deltas, Deltas(rows));
   }
-  EXPECT_TRUE(Logged().empty());
+  EXPECT_TRUE(LoggedRecords().empty());
 }
 
 TEST_F(PatchPlan, NegativeBalanceWhenNobodyHasABlockToGive) {
@@ -148,8 +127,8 @@ TEST_F(PatchPlan, NegativeBalanceWhenNobodyHasABlockToGive) {
     std::vector<PartitionRecord> plan = rows;
     EXPECT_EQ(-1, ErrUPDTAdjustPartitionSize(plan.data(), static_cast<int>(plan.size()) - 1));
     EXPECT_EQ(Balances(rows), Balances(plan));
-    EXPECT_EQ(std::vector<SyslogRecord>{Error("ErrUPDTAdjustPartitionSize(#): negative balance")},
-              Logged());
+    EXPECT_EQ(std::vector<SyslogRecord>{Error("ErrUPDTAdjustPartitionSize(N): negative balance")},
+              LoggedRecords());
   }
 }
 
@@ -297,7 +276,7 @@ TEST_F(PatchPlan, OrdinaryBoardsGetEightPartitionsAndTheDirectoryOnMtd7) {
       {"FIS Directory", "FIS Directory", "/dev/mtd7"},
   });
   EXPECT_EQ(std::vector<SyslogRecord>{Info("This is not junior, gszDevMtdPartition=[/dev/mtd7]")},
-            Logged());
+            LoggedRecords());
 }
 
 TEST_F(PatchPlan, JuniorBoardsGetSixPartitionsAndTheDirectoryOnMtd5) {
@@ -316,7 +295,7 @@ TEST_F(PatchPlan, JuniorBoardsGetSixPartitionsAndTheDirectoryOnMtd5) {
       {"FIS Directory", "FIS Directory", "/dev/mtd5"},
   });
   EXPECT_EQ(std::vector<SyslogRecord>{Info("This is junior, gszDevMtdPartition=[/dev/mtd5]")},
-            Logged());
+            LoggedRecords());
 }
 
 TEST_F(PatchPlan, DeviceByNameMatchesExactlyAndLogsUnknownNames) {
@@ -324,18 +303,18 @@ TEST_F(PatchPlan, DeviceByNameMatchesExactlyAndLogsUnknownNames) {
   testing_support::SyslogRecords().clear();
   EXPECT_STREQ("/dev/mtd3", SzUPDTGetDeviceByName("vendor"));
   EXPECT_STREQ("/dev/mtd5", SzUPDTGetDeviceByName("FIS Directory"));
-  EXPECT_TRUE(Logged().empty());
+  EXPECT_TRUE(LoggedRecords().empty());
   EXPECT_EQ(nullptr, SzUPDTGetDeviceByName("AllLib.tgz"));  // not on junior boards
   EXPECT_EQ(nullptr, SzUPDTGetDeviceByName("fis directory"));
   EXPECT_EQ(nullptr, SzUPDTGetDeviceByName("RedBoot.msys"));
   EXPECT_EQ(nullptr, SzUPDTGetDeviceByName(nullptr));
   EXPECT_EQ((std::vector<SyslogRecord>{
-                Error("SzUPDTGetDeviceByName(#): unknown partition name [AllLib.tgz]"),
-                Error("SzUPDTGetDeviceByName(#): unknown partition name [fis directory]"),
-                Error("SzUPDTGetDeviceByName(#): unknown partition name [RedBoot.msys]"),
-                Error("SzUPDTGetDeviceByName(#): parameter error"),
+                Error("SzUPDTGetDeviceByName(N): unknown partition name [AllLib.tgz]"),
+                Error("SzUPDTGetDeviceByName(N): unknown partition name [fis directory]"),
+                Error("SzUPDTGetDeviceByName(N): unknown partition name [RedBoot.msys]"),
+                Error("SzUPDTGetDeviceByName(N): parameter error"),
             }),
-            Logged());
+            LoggedRecords());
 }
 
 std::vector<unsigned char> Directory(const std::vector<const char*>& names) {
@@ -356,7 +335,7 @@ TEST_F(PatchPlan, IndexByNameFindsTheExactRecordName) {
   EXPECT_EQ(2, GetIdxByName("RedBoot Config", fis.data(), 5));
   EXPECT_EQ(3, GetIdxByName("FIS Directory", fis.data(), 5));
   EXPECT_EQ(4, GetIdxByName("ABCDEFGHIJKLMNOP", fis.data(), 5));
-  EXPECT_TRUE(Logged().empty());
+  EXPECT_TRUE(LoggedRecords().empty());
 
   EXPECT_EQ(-1, GetIdxByName("FIS Directory", fis.data(), 3));  // beyond the count
   EXPECT_EQ(-1, GetIdxByName("redboot", fis.data(), 5));
@@ -365,14 +344,14 @@ TEST_F(PatchPlan, IndexByNameFindsTheExactRecordName) {
   EXPECT_EQ(-1, GetIdxByName(nullptr, fis.data(), 5));
   EXPECT_EQ(-1, GetIdxByName("zImage", nullptr, 5));
   EXPECT_EQ((std::vector<SyslogRecord>{
-                Error("GetIdxByName(#): unknown partition name [FIS Directory]"),
-                Error("GetIdxByName(#): unknown partition name [redboot]"),
-                Error("GetIdxByName(#): unknown partition name [RedBoo]"),
-                Error("GetIdxByName(#): unknown partition name [zImage]"),
-                Error("GetIdxByName(#): parameter error"),
-                Error("GetIdxByName(#): parameter error"),
+                Error("GetIdxByName(N): unknown partition name [FIS Directory]"),
+                Error("GetIdxByName(N): unknown partition name [redboot]"),
+                Error("GetIdxByName(N): unknown partition name [RedBoo]"),
+                Error("GetIdxByName(N): unknown partition name [zImage]"),
+                Error("GetIdxByName(N): parameter error"),
+                Error("GetIdxByName(N): parameter error"),
             }),
-            Logged());
+            LoggedRecords());
 }
 
 TEST_F(PatchPlan, InitPatchInfoRefusesMissingRecordsWithTheTrailingBlank) {
@@ -381,9 +360,9 @@ TEST_F(PatchPlan, InitPatchInfoRefusesMissingRecordsWithTheTrailingBlank) {
   const std::vector<unsigned char> fis = Directory({"FIS Directory"});
   EXPECT_EQ(-1, UPDTInitPatchInfo(nullptr, 8));
   EXPECT_EQ(-1, UPDTInitPatchInfo(fis.data(), 0));
-  EXPECT_EQ((std::vector<SyslogRecord>{Error("UPDTInitPatchInfo(#): parameter error "),
-                                       Error("UPDTInitPatchInfo(#): parameter error ")}),
-            Logged());
+  EXPECT_EQ((std::vector<SyslogRecord>{Error("UPDTInitPatchInfo(N): parameter error "),
+                                       Error("UPDTInitPatchInfo(N): parameter error ")}),
+            LoggedRecords());
 }
 
 TEST_F(PatchPlan, InitPatchInfoNeedsTheGeometryOfTheDirectoryDevice) {
@@ -398,9 +377,9 @@ TEST_F(PatchPlan, InitPatchInfoNeedsTheGeometryOfTheDirectoryDevice) {
     gPartitionDevices[7].device = device.c_str();
     testing_support::SyslogRecords().clear();
     EXPECT_EQ(-1, UPDTInitPatchInfo(fis.data(), 2));
-    const std::vector<SyslogRecord> logged = Logged();
+    const std::vector<SyslogRecord> logged = LoggedRecords();
     ASSERT_FALSE(logged.empty());
-    EXPECT_EQ(Error("UPDTInitPatchInfo(#): fail to get device info"), logged.back());
+    EXPECT_EQ(Error("UPDTInitPatchInfo(N): fail to get device info"), logged.back());
   }
 
   // A table without the directory device at all.
@@ -409,9 +388,9 @@ TEST_F(PatchPlan, InitPatchInfoNeedsTheGeometryOfTheDirectoryDevice) {
   testing_support::SyslogRecords().clear();
   EXPECT_EQ(-1, UPDTInitPatchInfo(fis.data(), 2));
   EXPECT_EQ((std::vector<SyslogRecord>{
-                Error("SzUPDTGetDeviceByName(#): unknown partition name [FIS Directory]"),
-                Error("UPDTInitPatchInfo(#): fail to get device info")}),
-            Logged());
+                Error("SzUPDTGetDeviceByName(N): unknown partition name [FIS Directory]"),
+                Error("UPDTInitPatchInfo(N): fail to get device info")}),
+            LoggedRecords());
 }
 
 }  // namespace

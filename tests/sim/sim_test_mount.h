@@ -1,0 +1,179 @@
+// Mounting a simulated chip from tests: whether it is possible here, a state
+// directory made from a board layout, the simulator daemon started on it in
+// the foreground as a child of the test, its control file, and the unmount
+// that ends the daemon again. Needs FLASHSIM_DAEMON, FLASH_TOOL and
+// FLASH_LAYOUT_DIR (defined for every test of tests/sim).
+#ifndef TESTS_SIM_SIM_TEST_MOUNT_H_
+#define TESTS_SIM_SIM_TEST_MOUNT_H_
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "lib/unique_fd.h"
+#include "sim/flash_state.h"
+#include "sim_test_programs.h"
+#include "test_support.h"
+
+namespace sim_test {
+
+// Where the tests that work on fixed device paths mount the chip; the
+// partitions appear as /dev/flash/mtdN.
+constexpr char kDevFlash[] = "/dev/flash";
+
+// Why no chip can be mounted here (the test skips with it), or "": the
+// simulator's programs were not built, or /dev/fuse is not usable. A test in
+// a throwaway root asks after entering it, since that brings its own /dev.
+inline std::string MountUnavailable() {
+  if (std::string(FLASHSIM_DAEMON).empty() || std::string(FLASH_TOOL).empty()) {
+    return "the flash simulator was not built (libfuse3 is missing)";
+  }
+  if (access("/dev/fuse", R_OK | W_OK) != 0) {
+    return std::string("/dev/fuse is not usable: ") + strerror(errno);
+  }
+  return "";
+}
+
+// The example board layout `board` ("nor8", "junior6", "msys") of the
+// source tree.
+inline std::string BoardLayout(const std::string& board) {
+  return std::string(FLASH_LAYOUT_DIR) + "/" + board + ".layout";
+}
+
+// Makes the state directory `state` from the layout file `layout` with
+// filebay-flash; "" or what went wrong, with the tool's messages.
+inline std::string CreateChipState(const std::string& state, const std::string& layout) {
+  const std::string log = state + ".create.log";
+  const int status = RunProgram({FLASH_TOOL, "create", state, layout}, log);
+  if (status == 0) return "";
+  return "filebay-flash create " + layout + " exited with " + std::to_string(status) + ": " +
+         testing_support::ReadFile(log);
+}
+
+// True while something is mounted at `mount_point`.
+inline bool IsMounted(const std::string& mount_point) {
+  std::ifstream mounts("/proc/self/mountinfo");
+  std::string line;
+  while (std::getline(mounts, line)) {
+    std::istringstream fields(line);
+    std::string id, parent, numbers, root, point;
+    fields >> id >> parent >> numbers >> root >> point;
+    if (point == mount_point) return true;
+  }
+  return false;
+}
+
+// Mounts the state directory `state` at the existing directory
+// `mount_point` with the simulator daemon in the foreground, a child of this
+// process (its pid in *daemon), its messages appended to `log` and `options`
+// added to its arguments; returns once the mount answers. Skips the test
+// when this system does not allow the mount; fails it when the daemon stops
+// first or the mount is not ready within ten seconds. The caller checks
+// IsSkipped() and HasFatalFailure().
+inline void StartDaemon(const std::string& state, const std::string& mount_point,
+                        const std::string& log, const std::vector<std::string>& options,
+                        pid_t* daemon) {
+  std::vector<std::string> args = {FLASHSIM_DAEMON, state, mount_point, "-f"};
+  args.insert(args.end(), options.begin(), options.end());
+  std::vector<char*> argv;
+  for (std::string& arg : args) argv.push_back(&arg[0]);
+  argv.push_back(nullptr);
+  *daemon = fork();
+  ASSERT_GE(*daemon, 0);
+  if (*daemon == 0) {
+    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    dup2(fd, STDERR_FILENO);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  const std::string control = mount_point + "/.control";
+  struct stat st;
+  for (int waited = 0; waited < 10000; waited += 5) {
+    if (stat(control.c_str(), &st) == 0) return;
+    if (waitpid(*daemon, nullptr, WNOHANG) == *daemon) {
+      *daemon = -1;
+      const std::string why = testing_support::ReadFile(log);
+      if (why.find("not permitted") != std::string::npos ||
+          why.find("ermission denied") != std::string::npos) {
+        GTEST_SKIP() << "mounting is not possible here: " << why;
+      }
+      FAIL() << "the simulator daemon stopped before the mount was ready: " << why;
+    }
+    usleep(5000);
+  }
+  FAIL() << "the mount did not become ready";
+}
+
+// Unmounts `mount_point` by whatever this process may use: the system call,
+// else fusermount3, else lazily.
+inline void Unmount(const std::string& mount_point) {
+  if (umount2(mount_point.c_str(), 0) == 0) return;
+  if (RunProgram({"fusermount3", "-u", mount_point}) == 0) return;
+  if (umount2(mount_point.c_str(), MNT_DETACH) == 0) return;
+  RunProgram({"fusermount3", "-u", "-z", mount_point});
+}
+
+// Unmounts the chip when a daemon runs or something is still mounted, then
+// waits for the daemon (which saves the chip on its way out) and sets
+// *daemon to -1. Fails the test when the mount stays, or when the daemon is
+// still there after ten seconds (it is killed).
+inline void StopDaemon(const std::string& mount_point, pid_t* daemon) {
+  if (*daemon > 0 || IsMounted(mount_point)) Unmount(mount_point);
+  EXPECT_FALSE(IsMounted(mount_point)) << mount_point << " is still mounted";
+  if (*daemon <= 0) return;
+  if (!WaitForExit(*daemon, 10000)) {
+    kill(*daemon, SIGKILL);
+    waitpid(*daemon, nullptr, 0);
+    ADD_FAILURE() << "the simulator daemon did not stop after the unmount";
+  }
+  *daemon = -1;
+}
+
+// Sends one command to the daemon through the control file of the mount at
+// `mount_point`; the answer line, or what failed.
+inline std::string Control(const std::string& mount_point, const std::string& command) {
+  UniqueFd control(open((mount_point + "/.control").c_str(), O_RDWR));
+  if (control.get() < 0) return std::string("open: ") + strerror(errno);
+  const std::string line = command + "\n";
+  if (write(control.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
+    return std::string("write: ") + strerror(errno);
+  }
+  char answer[256] = {};
+  const ssize_t length = pread(control.get(), answer, sizeof(answer) - 1, 0);
+  return length < 0 ? std::string("read: ") + strerror(errno) : std::string(answer);
+}
+
+// Points /dev/mtdN at kDevFlash's mtdN for every partition N of `layout`,
+// the way the board's device nodes name them.
+inline ::testing::AssertionResult LinkMtdDevices(const flashsim::ChipLayout& layout) {
+  for (const flashsim::PartitionLayout& partition : layout.partitions) {
+    const std::string link = "/dev/mtd" + std::to_string(partition.index);
+    const std::string target = "flash/mtd" + std::to_string(partition.index);
+    unlink(link.c_str());
+    if (symlink(target.c_str(), link.c_str()) != 0) {
+      return ::testing::AssertionFailure() << "symlink " << link << ": " << strerror(errno);
+    }
+  }
+  return ::testing::AssertionSuccess();
+}
+
+// Removes the links /dev/mtd0 .. /dev/mtd<count - 1>.
+inline void RemoveMtdLinks(int count) {
+  for (int i = 0; i < count; ++i) unlink(("/dev/mtd" + std::to_string(i)).c_str());
+}
+
+}  // namespace sim_test
+
+#endif  // TESTS_SIM_SIM_TEST_MOUNT_H_
