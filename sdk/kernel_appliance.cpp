@@ -1,25 +1,16 @@
 // The kernel interface as the appliance's kernel provides it.
 #include <errno.h>
-#include <mtd/mtd-user.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "sdk/flash_driver_requests.h"
 #include "sdk/kernel.h"
 
 namespace {
 
 constexpr long kFlashTypeSyscall = 401;
 constexpr long kDriverBufferSyscall = 405;
-constexpr unsigned long kMSysFormatRequest = _IOW('M', 0x18, uint32_t);
-// The request encodes 4 bytes although the argument points to 32.
-constexpr unsigned long kMSysPartitionRequest = _IOW('M', 0x19, uint32_t);
-
-#if defined(__powerpc__) && !defined(__powerpc64__)
-static_assert(kMSysFormatRequest == 0x80044D18, "format request number");
-static_assert(kMSysPartitionRequest == 0x80044D19, "partition request number");
-#endif
-
 // 401 and 405 are the appliance's own calls. On 64-bit x86 and ARM these
 // numbers are unassigned, so the call fails with ENOSYS there; elsewhere
 // (32-bit x86 and ARM use them for other calls) it is not attempted.
@@ -50,7 +41,7 @@ extern "C" int VELTKernelMtdDriverBuffer(int take) {
 
 extern "C" int VELTKernelMSysFormat(int fd, uint32_t units) {
   // The unit count travels as the argument value itself.
-  return ioctl(fd, kMSysFormatRequest, static_cast<unsigned long>(units)) == 0 ? 0 : -1;
+  return ioctl(fd, kFlashDiskFormatRequest, static_cast<unsigned long>(units)) == 0 ? 0 : -1;
 }
 
 extern "C" int VELTKernelMSysPartition(int fd, const uint32_t counts[8]) {
@@ -58,5 +49,5 @@ extern "C" int VELTKernelMSysPartition(int fd, const uint32_t counts[8]) {
     errno = EFAULT;
     return -1;
   }
-  return ioctl(fd, kMSysPartitionRequest, counts) == 0 ? 0 : -1;
+  return ioctl(fd, kFlashDiskPartitionRequest, counts) == 0 ? 0 : -1;
 }

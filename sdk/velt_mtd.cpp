@@ -5,9 +5,6 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/ioctl.h>
-// <mtd/mtd-user.h> needs the _IO* macros of <sys/ioctl.h> first.
-#include <mtd/mtd-user.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -15,38 +12,13 @@
 
 #include "lib/slib_error.h"
 #include "lib/unique_fd.h"
+#include "sdk/flash_driver_requests.h"
 #include "sdk/kernel.h"
 #include "sdk/platform_identity.h"
 
 namespace {
 
-// The driver's set-extent request: where the partition is to begin on the
-// flash and how long it is to be.
-struct PartitionExtent {
-  uint32_t flash_base;
-  uint32_t size;
-};
-
-static_assert(sizeof(PartitionExtent) == 8, "extent record");
-static_assert(sizeof(VELTMTDFisEntry) == 28, "FIS entry record");
 static_assert(sizeof(struct mtd_info_user) == VELT_MTD_INFO_SIZE, "mtd_info_user");
-static_assert(sizeof(struct erase_info_user) == 8, "erase_info_user");
-
-constexpr unsigned long kGetInfoRequest = MEMGETINFO;
-constexpr unsigned long kEraseRequest = MEMERASE;
-constexpr unsigned long kLockRequest = MEMLOCK;
-constexpr unsigned long kUnlockRequest = MEMUNLOCK;
-constexpr unsigned long kSetExtentRequest = _IOW('M', 0x16, PartitionExtent);
-constexpr unsigned long kSetFisEntryRequest = _IOW('M', 0x17, VELTMTDFisEntry);
-
-#if defined(__powerpc__) && !defined(__powerpc64__)
-static_assert(kGetInfoRequest == 0x40204D01, "MEMGETINFO");
-static_assert(kEraseRequest == 0x80084D02, "MEMERASE");
-static_assert(kLockRequest == 0x80084D05, "MEMLOCK");
-static_assert(kUnlockRequest == 0x80084D06, "MEMUNLOCK");
-static_assert(kSetExtentRequest == 0x80084D16, "set extent");
-static_assert(kSetFisEntryRequest == 0x801C4D17, "set FIS entry");
-#endif
 
 constexpr char kStressDevice[] = "/dev/mtd5";
 constexpr char kJuniorStressFile[] = "/var/log/stress.data";
@@ -79,7 +51,7 @@ int OpenReadWrite(const char* function, const char* path) {
 // The geometry of an open partition, for the calls that work on all of it.
 // The message carries `function`, the public caller.
 bool GetGeometry(const char* function, int fd, const char* path, mtd_info_user* info) {
-  if (ioctl(fd, kGetInfoRequest, info) == 0) return true;
+  if (ioctl(fd, kFlashGetInfoRequest, info) == 0) return true;
   LogError(function, __LINE__, "Could not get MTD device info for %s, errno = %d", path, errno);
   return false;
 }
@@ -124,7 +96,7 @@ int VELTMTDGetDeviceInfo(const char* path, void* buffer, int size) {
     LogError(__FUNCTION__, __LINE__, "fail to open mtd device, errno = %d", errno);
     return -1;
   }
-  if (ioctl(fd.get(), kGetInfoRequest, buffer) != 0) {
+  if (ioctl(fd.get(), kFlashGetInfoRequest, buffer) != 0) {
     LogError(__FUNCTION__, __LINE__, "fail to get mtd size, errno = %d", errno);
     return -1;
   }
@@ -176,8 +148,8 @@ int VELTMTDModifyPartitionSize(const char* path, uint32_t flash_base, uint32_t s
   }
   UniqueFd fd(OpenReadWrite(__FUNCTION__, path));
   if (fd.get() < 0) return -1;
-  PartitionExtent extent = {flash_base, size};
-  if (ioctl(fd.get(), kSetExtentRequest, &extent) != 0) {
+  FlashExtentRequest extent = {flash_base, size};
+  if (ioctl(fd.get(), kFlashSetExtentRequest, &extent) != 0) {
     syslog(LOG_ERR, "Failed to set the mtd info of %s by ioctl, errno = %d\n", path, errno);
     return -1;
   }
@@ -192,10 +164,12 @@ int VELTMTDModifyFISEntry(const char* path, const VELTMTDFisEntry* entry) {
   UniqueFd fd(OpenReadWrite(__FUNCTION__, path));
   if (fd.get() < 0) return -1;
   // The driver takes the name as a terminated string in 16 bytes.
-  VELTMTDFisEntry request = *entry;
-  memset(request.name, 0, sizeof(request.name));
+  FlashFisEntryRequest request = {};
   memcpy(request.name, entry->name, strnlen(entry->name, sizeof(request.name) - 1));
-  if (ioctl(fd.get(), kSetFisEntryRequest, &request) != 0) {
+  request.flash_base = entry->flash_base;
+  request.size = entry->size;
+  request.data_length = entry->data_length;
+  if (ioctl(fd.get(), kFlashSetFisEntryRequest, &request) != 0) {
     syslog(LOG_ERR, "%s: Failed to set the mtd info of %s by ioctl, errno = %d\n", __FUNCTION__,
            path, errno);
     return -1;
@@ -214,7 +188,7 @@ int VELTMTDErasePartition(const char* path) {
   if (!GetGeometry(__FUNCTION__, fd.get(), path, &info)) return -1;
   // One request for the whole range: the driver walks the erase blocks.
   erase_info_user range = {0, info.size};
-  if (ioctl(fd.get(), kEraseRequest, &range) != 0) {
+  if (ioctl(fd.get(), kFlashEraseRequest, &range) != 0) {
     syslog(LOG_ERR, "Could not erase MTD device: %s, errno = %d\n", path, errno);
     return -1;
   }
@@ -231,7 +205,7 @@ int VELTMTDILock(const char* path, int lock) {
   mtd_info_user info;
   if (!GetGeometry(__FUNCTION__, fd.get(), path, &info)) return -1;
   erase_info_user range = {0, info.size};
-  if (ioctl(fd.get(), lock == 1 ? kLockRequest : kUnlockRequest, &range) != 0) {
+  if (ioctl(fd.get(), lock == 1 ? kFlashLockRequest : kFlashUnlockRequest, &range) != 0) {
     syslog(LOG_ERR, "Could not lock/unlock MTD device: %s, errno = %d\n", path, errno);
     return -1;
   }

@@ -30,45 +30,12 @@
 #include <unordered_map>
 #include <vector>
 
+#include "sdk/flash_driver_requests.h"
 #include "sim/flash_chip.h"
 
 namespace {
 
-// Requests private to the appliance's flash drivers.
-struct ExtentRequest {
-  uint32_t flash_base;
-  uint32_t size;
-};
-struct FisEntryRequest {
-  char name[flashsim::kFisNameSize];
-  uint32_t flash_base;
-  uint32_t size;
-  uint32_t data_length;
-};
-struct MSysTableRequest {
-  uint32_t pairs[2 * flashsim::kMSysPartitions];
-};
-static_assert(sizeof(ExtentRequest) == 8, "extent record");
-static_assert(sizeof(FisEntryRequest) == 28, "FIS entry record");
-static_assert(sizeof(MSysTableRequest) == 64, "M-Systems table");
-
-constexpr unsigned int kGetInfoRequest = MEMGETINFO;
-constexpr unsigned int kEraseRequest = MEMERASE;
-constexpr unsigned int kLockRequest = MEMLOCK;
-constexpr unsigned int kUnlockRequest = MEMUNLOCK;
-constexpr unsigned int kSetExtentRequest = _IOW('M', 0x16, ExtentRequest);
-constexpr unsigned int kSetFisEntryRequest = _IOW('M', 0x17, FisEntryRequest);
-constexpr unsigned int kGetMSysTableRequest = _IOR('M', 0x1A, MSysTableRequest);
-
-#if defined(__powerpc__) && !defined(__powerpc64__)
-static_assert(kGetInfoRequest == 0x40204D01, "MEMGETINFO");
-static_assert(kEraseRequest == 0x80084D02, "MEMERASE");
-static_assert(kLockRequest == 0x80084D05, "MEMLOCK");
-static_assert(kUnlockRequest == 0x80084D06, "MEMUNLOCK");
-static_assert(kSetExtentRequest == 0x80084D16, "set extent");
-static_assert(kSetFisEntryRequest == 0x801C4D17, "set FIS entry");
-static_assert(kGetMSysTableRequest == 0x40404D1A, "get table");
-#endif
+static_assert(kFlashDiskPartitions == flashsim::kMSysPartitions, "flash disk partitions");
 
 const char kControlName[] = ".control";
 
@@ -216,7 +183,7 @@ int FsUtimens(const char* /*path*/, const struct timespec /*times*/[2],
 
 int DeviceIoctl(int device, unsigned int request, void* data) {
   switch (request) {
-    case kGetInfoRequest: {
+    case kFlashGetInfoRequest: {
       flashsim::DeviceInfo info;
       int result = g_chip.GetInfo(device, &info);
       if (result == 0) {
@@ -232,28 +199,28 @@ int DeviceIoctl(int device, unsigned int request, void* data) {
       }
       return result;
     }
-    case kEraseRequest:
-    case kLockRequest:
-    case kUnlockRequest: {
+    case kFlashEraseRequest:
+    case kFlashLockRequest:
+    case kFlashUnlockRequest: {
       erase_info_user range;
       memcpy(&range, data, sizeof(range));
-      if (request == kEraseRequest) return g_chip.Erase(device, range.start, range.length);
-      if (request == kLockRequest) return g_chip.Lock(device, range.start, range.length);
+      if (request == kFlashEraseRequest) return g_chip.Erase(device, range.start, range.length);
+      if (request == kFlashLockRequest) return g_chip.Lock(device, range.start, range.length);
       return g_chip.Unlock(device, range.start, range.length);
     }
-    case kSetExtentRequest: {
-      ExtentRequest extent;
+    case kFlashSetExtentRequest: {
+      FlashExtentRequest extent;
       memcpy(&extent, data, sizeof(extent));
       return g_chip.SetExtent(device, extent.flash_base, extent.size);
     }
-    case kSetFisEntryRequest: {
-      FisEntryRequest entry;
+    case kFlashSetFisEntryRequest: {
+      FlashFisEntryRequest entry;
       memcpy(&entry, data, sizeof(entry));
       std::string name(entry.name, strnlen(entry.name, sizeof(entry.name)));
       return g_chip.SetFisEntry(device, name, entry.flash_base, entry.size, entry.data_length);
     }
-    case kGetMSysTableRequest: {
-      MSysTableRequest table;
+    case kFlashDiskGetTableRequest: {
+      FlashDiskTable table;
       int result = g_chip.GetMSysTable(device, table.pairs);
       if (result == 0) memcpy(data, &table, sizeof(table));
       return result;

@@ -5,7 +5,6 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "lib/unique_fd.h"
+#include "sdk/flash_driver_requests.h"
 #include "sdk/kernel.h"
 #include "updater/fis_record.h"
 #include "updater/flash_patch.h"
@@ -25,19 +25,8 @@
 
 namespace {
 
-// The flash disk driver's partition table: {size, data length} in bytes per
-// partition, in partition order and in the machine's byte order (the
-// driver's own structure).
-struct MSysPartitionTable {
-  uint32_t pairs[2 * UPDT_MSYS_PARTITIONS];
-};
-static_assert(sizeof(MSysPartitionTable) == 64, "the driver's partition table");
+static_assert(UPDT_MSYS_PARTITIONS == kFlashDiskPartitions, "the driver's partition count");
 static_assert(sizeof(unsigned int) == sizeof(uint32_t), "block counts are 32-bit words");
-
-constexpr unsigned long kGetTableRequest = _IOR('M', 0x1A, MSysPartitionTable);
-#if defined(__powerpc__) && !defined(__powerpc64__)
-static_assert(kGetTableRequest == 0x40404D1A, "get partition table");
-#endif
 
 constexpr char kTableDevice[] = "/dev/mtd0";
 constexpr size_t kCommandSize = 256;
@@ -270,9 +259,9 @@ int UPDTMSysGetPartitionInfo(unsigned char* records) {
     syslog(LOG_ERR, "%s(%d): fail to open /dev/mtd0, errno = %d", __func__, __LINE__, errno);
     return -1;
   }
-  MSysPartitionTable table;
+  FlashDiskTable table;
   memset(&table, 0, sizeof(table));
-  if (ioctl(fd.get(), kGetTableRequest, &table) != 0) {
+  if (ioctl(fd.get(), kFlashDiskGetTableRequest, &table) != 0) {
     syslog(LOG_ERR, "%s(%d): fail to get partition information, errno = %d", __func__, __LINE__,
            errno);
     return -1;
