@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -52,6 +53,24 @@ std::string Joined(const std::vector<std::string>& lines) {
   std::string text;
   for (const std::string& line : lines) text += "  " + line + "\n";
   return text;
+}
+
+// Every message of `wanted` is among `messages`.
+void ExpectMessages(const std::vector<std::string>& messages,
+                    std::initializer_list<const char*> wanted) {
+  for (const char* message : wanted) {
+    EXPECT_TRUE(Contains(messages, message)) << message << "\n" << Joined(messages);
+  }
+}
+
+// No message of `messages` contains any of `texts`.
+void ExpectNoMessageWith(const std::vector<std::string>& messages,
+                         std::initializer_list<const char*> texts) {
+  for (const std::string& message : messages) {
+    for (const char* text : texts) {
+      EXPECT_EQ(message.find(text), std::string::npos) << message;
+    }
+  }
 }
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
@@ -213,6 +232,18 @@ class UpdaterRunTest : public sandbox_test::SandboxFixture {
     std::vector<flashsim::FisRecord> records = flashsim::DecodeFisDirectory(bytes, &terminated);
     EXPECT_TRUE(terminated) << "the FIS directory does not end with an erased record";
     return records;
+  }
+
+  // The FIS directory on `after` holds exactly `expected`.
+  static void ExpectFisRecords(const flashsim::ChipState& after,
+                               const std::vector<flashsim::FisRecord>& expected) {
+    const std::vector<flashsim::FisRecord> records = FisRecords(after);
+    ASSERT_EQ(records.size(), expected.size()) << DescribeRecords(records);
+    for (size_t i = 0; i < records.size(); ++i) {
+      EXPECT_TRUE(SameRecord(records[i], expected[i])) << "record " << i << "\nafter:\n"
+                                                       << DescribeRecords(records) << "expected:\n"
+                                                       << DescribeRecords(expected);
+    }
   }
 
   void ExpectFlashUntouched() {
@@ -380,13 +411,7 @@ TEST_F(UpdaterRunTest, Nor8UpdateRebalancesPartitionsAndLeavesServicesStopped) {
   expected[3].data_length = library.size();
 
   const flashsim::ChipState after = After();
-  const std::vector<flashsim::FisRecord> records = FisRecords(after);
-  ASSERT_EQ(records.size(), expected.size()) << DescribeRecords(records);
-  for (size_t i = 0; i < records.size(); ++i) {
-    EXPECT_TRUE(SameRecord(records[i], expected[i])) << "record " << i << "\nafter:\n"
-                                                     << DescribeRecords(records) << "expected:\n"
-                                                     << DescribeRecords(expected);
-  }
+  ExpectFisRecords(after, expected);
   ExpectImagesOnFlash(after,
                       {{kernel, expected[1]}, {root_image, expected[2]}, {library, expected[3]}});
   ExpectFlashCheckPasses();
@@ -400,19 +425,14 @@ TEST_F(UpdaterRunTest, Nor8UpdateRebalancesPartitionsAndLeavesServicesStopped) {
   ExpectServicesOnlyStopped(result);
   EXPECT_EQ(UpdateLog(), (std::vector<std::string>{kStartLine, kUpgradeLine, kDoneLine}));
   const std::vector<std::string> messages = UpdaterMessages(result);
-  for (const char* wanted : {"user.err main(N): Start of the updater...",
-                             "user.info This is not junior, gszDevMtdPartition=[/dev/mtd7]",
-                             "user.err number of partitions = [8]",
-                             "user.err [zImage]  0xFF800000  0x00180000  0x0012F3A4",
-                             "user.err main(N): Turn on the reinstall library flag...!!",
-                             "user.err Congratulation!! The update has been completed!!",
-                             "user.err szCmd=[/bin/rm -rf /volume1/upd@te/b@ckup]"}) {
-    EXPECT_TRUE(Contains(messages, wanted)) << wanted << "\n" << Joined(messages);
-  }
-  for (const std::string& message : messages) {
-    EXPECT_EQ(message.find("Failed to accomplish"), std::string::npos) << message;
-    EXPECT_EQ(message.find("mtd driver buffer"), std::string::npos) << message;
-  }
+  ExpectMessages(messages, {"user.err main(N): Start of the updater...",
+                            "user.info This is not junior, gszDevMtdPartition=[/dev/mtd7]",
+                            "user.err number of partitions = [8]",
+                            "user.err [zImage]  0xFF800000  0x00180000  0x0012F3A4",
+                            "user.err main(N): Turn on the reinstall library flag...!!",
+                            "user.err Congratulation!! The update has been completed!!",
+                            "user.err szCmd=[/bin/rm -rf /volume1/upd@te/b@ckup]"});
+  ExpectNoMessageWith(messages, {"Failed to accomplish", "mtd driver buffer"});
 }
 
 TEST_F(UpdaterRunTest, Junior6UpdateRewritesImagesInPlaceOnSixPartitions) {
@@ -428,13 +448,7 @@ TEST_F(UpdaterRunTest, Junior6UpdateRewritesImagesInPlaceOnSixPartitions) {
   expected[1].data_length = kernel.size();
   expected[2].data_length = root_image.size();
   const flashsim::ChipState after = After();
-  const std::vector<flashsim::FisRecord> records = FisRecords(after);
-  ASSERT_EQ(records.size(), expected.size()) << DescribeRecords(records);
-  for (size_t i = 0; i < records.size(); ++i) {
-    EXPECT_TRUE(SameRecord(records[i], expected[i])) << "record " << i << "\nafter:\n"
-                                                     << DescribeRecords(records) << "expected:\n"
-                                                     << DescribeRecords(expected);
-  }
+  ExpectFisRecords(after, expected);
   ExpectImagesOnFlash(after, {{kernel, expected[1]}, {root_image, expected[2]}});
   ExpectFlashCheckPasses();
 
@@ -725,11 +739,7 @@ TEST_F(UpdaterRunTest, FailedVerifyInGroupUpdateLeavesFlashAsItIs) {
   const std::vector<std::string> messages = UpdaterMessages(result);
   EXPECT_TRUE(Contains(messages, "user.err main(N): fail to patch new binaries!!"))
       << Joined(messages);
-  for (const std::string& message : messages) {
-    EXPECT_EQ(message.find("UPDTBackupOldPartition"), std::string::npos) << message;
-    EXPECT_EQ(message.find("UPDTRollBack"), std::string::npos) << message;
-    EXPECT_EQ(message.find("fail to analyze"), std::string::npos) << message;
-  }
+  ExpectNoMessageWith(messages, {"UPDTBackupOldPartition", "UPDTRollBack", "fail to analyze"});
   // No analysis: no version line in the update log.
   EXPECT_EQ(UpdateLog(), (std::vector<std::string>{
                              kStartLine, "Failed to accomplish the update! (errno = 20)"}));
@@ -821,9 +831,7 @@ TEST_F(UpdaterRunTest, OldSystemUpLongerThanFiveMinutesMustRebootFirst) {
   std::string message;
   ASSERT_TRUE(box_->ReadRootFile("/tmp/update.message", &message));
   EXPECT_EQ(message, kRebootMessage);
-  for (const std::string& line : UpdaterMessages(result)) {
-    EXPECT_EQ(line.find("mtd driver buffer"), std::string::npos) << line;
-  }
+  ExpectNoMessageWith(UpdaterMessages(result), {"mtd driver buffer"});
   ExpectFlashUntouched();
   ExpectServicesStoppedThenStarted(result);
   ExpectArchiveNotMoved();
@@ -863,9 +871,7 @@ TEST_F(UpdaterRunTest, RecentlyBootedOldSystemIsUpdated) {
   EXPECT_EQ(UpdateLog(),
             (std::vector<std::string>{
                 kStartLine, "Upgrade from version 2.0.3.350 to version 2.0.3.501", kDoneLine}));
-  for (const std::string& line : UpdaterMessages(result)) {
-    EXPECT_EQ(line.find("mtd driver buffer"), std::string::npos) << line;
-  }
+  ExpectNoMessageWith(UpdaterMessages(result), {"mtd driver buffer"});
   ExpectFlashCheckPasses();
 }
 
@@ -945,18 +951,14 @@ TEST_F(UpdaterRunTest, ServicesThatCouldNotBeStoppedAreNotStartedAfterAFailure) 
            "while [ ! -e /tmp/lock-held ]; do sleep 0.1; done; exec /volume1/upd@te/updater"});
   ExpectFailure(result, 20, 'P');
   const std::vector<std::string> messages = UpdaterMessages(result);
-  for (const char* wanted : {"user.err VELTNetService(N): lock failed",
-                             "user.err ErrNetServiceStop(N): VELTNetService return -1",
-                             "user.err main(N): all services stop error",
-                             "user.err main(N): fail to patch new binaries!!"}) {
-    EXPECT_TRUE(Contains(messages, wanted)) << wanted << "\n" << Joined(messages);
-  }
+  ExpectMessages(messages, {"user.err VELTNetService(N): lock failed",
+                            "user.err ErrNetServiceStop(N): VELTNetService return -1",
+                            "user.err main(N): all services stop error",
+                            "user.err main(N): fail to patch new binaries!!"});
   // The run went on to the flash and rolled it back, but never touched a
   // service: nothing was stopped, so nothing is started.
   EXPECT_TRUE(result.stub_calls.empty()) << Joined(result.stub_calls);
-  for (const std::string& message : messages) {
-    EXPECT_EQ(message.find("all services start error"), std::string::npos) << message;
-  }
+  ExpectNoMessageWith(messages, {"all services start error"});
   ExpectFlashUntouched();
   ExpectArchiveNotMoved();
   EXPECT_FALSE(RootFileExists(kBackupDir));
@@ -1078,6 +1080,13 @@ std::string DescribeTable(const std::vector<DiskPartition>& table) {
   return text;
 }
 
+// The flash disk's partition table on `after` is `expected`.
+void ExpectDiskTable(const flashsim::ChipState& after, const std::vector<DiskPartition>& expected) {
+  EXPECT_EQ(DiskTable(after), expected) << "after:\n"
+                                        << DescribeTable(DiskTable(after)) << "expected:\n"
+                                        << DescribeTable(expected);
+}
+
 // A disk holding `contents[i]` at the start of partition i of `table`, every
 // other byte erased: what a format followed by one write per partition
 // leaves.
@@ -1122,9 +1131,7 @@ TEST_F(UpdaterRunTest, MSysUpdateRepartitionsTheDiskAndRewritesEveryPartition) {
     base += expected[i].size;
   }
   const flashsim::ChipState after = After();
-  EXPECT_EQ(DiskTable(after), expected) << "after:\n"
-                                        << DescribeTable(DiskTable(after)) << "expected:\n"
-                                        << DescribeTable(expected);
+  ExpectDiskTable(after, expected);
   EXPECT_TRUE(after.image == FormattedDisk(before_.image.size(), expected, contents))
       << "the disk does not hold the new partitions";
 
@@ -1139,15 +1146,11 @@ TEST_F(UpdaterRunTest, MSysUpdateRepartitionsTheDiskAndRewritesEveryPartition) {
   ExpectServicesOnlyStopped(result);
   EXPECT_EQ(UpdateLog(), (std::vector<std::string>{kStartLine, kUpgradeLine, kDoneLine}));
   const std::vector<std::string> messages = UpdaterMessages(result);
-  for (const char* wanted :
-       {"user.err number of partitions = [8]", "user.info UPDTMSysDoPatch(N): NEED RE-PARTITION!!",
-        "user.err UPDTMSysUpdate(N): Turn on the reinstall library flag...!!",
-        "user.err Congratulation!! The update has been completed!!"}) {
-    EXPECT_TRUE(Contains(messages, wanted)) << wanted << "\n" << Joined(messages);
-  }
-  for (const std::string& message : messages) {
-    EXPECT_EQ(message.find("Failed to accomplish"), std::string::npos) << message;
-  }
+  ExpectMessages(messages, {"user.err number of partitions = [8]",
+                            "user.info UPDTMSysDoPatch(N): NEED RE-PARTITION!!",
+                            "user.err UPDTMSysUpdate(N): Turn on the reinstall library flag...!!",
+                            "user.err Congratulation!! The update has been completed!!"});
+  ExpectNoMessageWith(messages, {"Failed to accomplish"});
 }
 
 TEST_F(UpdaterRunTest, MSysFailedWriteAfterRepartitionRollsBackWith20AndStillMovesTheArchive) {
@@ -1171,9 +1174,7 @@ TEST_F(UpdaterRunTest, MSysFailedWriteAfterRepartitionRollsBackWith20AndStillMov
     row.data_length = row.size;
   }
   const flashsim::ChipState after = After();
-  EXPECT_EQ(DiskTable(after), expected) << "after:\n"
-                                        << DescribeTable(DiskTable(after)) << "expected:\n"
-                                        << DescribeTable(expected);
+  ExpectDiskTable(after, expected);
   EXPECT_TRUE(after.image == FormattedDisk(before_.image.size(), old_table, contents))
       << "the old partitions are not back";
 
@@ -1182,11 +1183,8 @@ TEST_F(UpdaterRunTest, MSysFailedWriteAfterRepartitionRollsBackWith20AndStillMov
   EXPECT_FALSE(RootFileExists(kPackageArchive));
   ExpectServicesStoppedThenStarted(result);
   const std::vector<std::string> messages = UpdaterMessages(result);
-  for (const char* wanted :
-       {"user.err UPDTMSysUpdate(N): fail to patch new binaries!!",
-        "user.err UPDTMSysUpdate(N): Turn on the reinstall library flag...!!"}) {
-    EXPECT_TRUE(Contains(messages, wanted)) << wanted << "\n" << Joined(messages);
-  }
+  ExpectMessages(messages, {"user.err UPDTMSysUpdate(N): fail to patch new binaries!!",
+                            "user.err UPDTMSysUpdate(N): Turn on the reinstall library flag...!!"});
   EXPECT_FALSE(Contains(messages, "user.err UPDTMSysUpdate: UPDTRollBack() fail"))
       << Joined(messages);
   EXPECT_TRUE(Contains(UpdateLog(), kUpgradeLine));
