@@ -42,17 +42,18 @@ __attribute__((format(printf, 3, 4))) void LogError(const char* function, int li
   syslog(LOG_ERR, "%s(%d): %s", function, line, message.c_str());
 }
 
-int OpenReadWrite(const char* function, const char* path) {
+// The messages of these helpers carry `function` and `line`: the public
+// caller's name and the line of the call.
+int OpenReadWrite(const char* function, int line, const char* path) {
   const int fd = open(path, O_RDWR);
-  if (fd < 0) LogError(function, __LINE__, "fail to open mtd device %s, errno = %d", path, errno);
+  if (fd < 0) LogError(function, line, "fail to open mtd device %s, errno = %d", path, errno);
   return fd;
 }
 
 // The geometry of an open partition, for the calls that work on all of it.
-// The message carries `function`, the public caller.
-bool GetGeometry(const char* function, int fd, const char* path, mtd_info_user* info) {
+bool GetGeometry(const char* function, int line, int fd, const char* path, mtd_info_user* info) {
   if (ioctl(fd, kFlashGetInfoRequest, info) == 0) return true;
-  LogError(function, __LINE__, "Could not get MTD device info for %s, errno = %d", path, errno);
+  LogError(function, line, "Could not get MTD device info for %s, errno = %d", path, errno);
   return false;
 }
 
@@ -146,7 +147,7 @@ int VELTMTDModifyPartitionSize(const char* path, uint32_t flash_base, uint32_t s
     LogError(__FUNCTION__, __LINE__, "parameter error");
     return -1;
   }
-  UniqueFd fd(OpenReadWrite(__FUNCTION__, path));
+  UniqueFd fd(OpenReadWrite(__FUNCTION__, __LINE__, path));
   if (fd.get() < 0) return -1;
   FlashExtentRequest extent = {flash_base, size};
   if (ioctl(fd.get(), kFlashSetExtentRequest, &extent) != 0) {
@@ -161,7 +162,7 @@ int VELTMTDModifyFISEntry(const char* path, const VELTMTDFisEntry* entry) {
     LogError(__FUNCTION__, __LINE__, "parameter error");
     return -1;
   }
-  UniqueFd fd(OpenReadWrite(__FUNCTION__, path));
+  UniqueFd fd(OpenReadWrite(__FUNCTION__, __LINE__, path));
   if (fd.get() < 0) return -1;
   // The driver takes the name as a terminated string in 16 bytes.
   FlashFisEntryRequest request = {};
@@ -182,10 +183,10 @@ int VELTMTDErasePartition(const char* path) {
     LogError(__FUNCTION__, __LINE__, "parameter error");
     return -1;
   }
-  UniqueFd fd(OpenReadWrite(__FUNCTION__, path));
+  UniqueFd fd(OpenReadWrite(__FUNCTION__, __LINE__, path));
   if (fd.get() < 0) return -1;
   mtd_info_user info;
-  if (!GetGeometry(__FUNCTION__, fd.get(), path, &info)) return -1;
+  if (!GetGeometry(__FUNCTION__, __LINE__, fd.get(), path, &info)) return -1;
   // One request for the whole range: the driver walks the erase blocks.
   erase_info_user range = {0, info.size};
   if (ioctl(fd.get(), kFlashEraseRequest, &range) != 0) {
@@ -200,10 +201,10 @@ int VELTMTDILock(const char* path, int lock) {
     LogError(__FUNCTION__, __LINE__, "parameter error");
     return -1;
   }
-  UniqueFd fd(OpenReadWrite(__FUNCTION__, path));
+  UniqueFd fd(OpenReadWrite(__FUNCTION__, __LINE__, path));
   if (fd.get() < 0) return -1;
   mtd_info_user info;
-  if (!GetGeometry(__FUNCTION__, fd.get(), path, &info)) return -1;
+  if (!GetGeometry(__FUNCTION__, __LINE__, fd.get(), path, &info)) return -1;
   erase_info_user range = {0, info.size};
   if (ioctl(fd.get(), lock == 1 ? kFlashLockRequest : kFlashUnlockRequest, &range) != 0) {
     syslog(LOG_ERR, "Could not lock/unlock MTD device: %s, errno = %d\n", path, errno);

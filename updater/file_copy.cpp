@@ -7,6 +7,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "lib/unique_fd.h"
@@ -70,11 +71,14 @@ void WarnIfShort(const char* source, uint64_t total, uint64_t count, const char*
 }
 
 void AdvanceProgress(size_t bytes) {
-  gullUpdateDone += bytes;
+  const uint64_t recounted = std::min<uint64_t>(bytes, gullUpdateRecount);
+  gullUpdateRecount -= recounted;
+  gullUpdateDone += bytes - recounted;
   // The flash engine sets the total before a pass; without it there is no
   // meaningful percentage to write.
   if (gullUpdateTotal == 0) return;
-  UPDTSetProgress('P', static_cast<int>(60 + gullUpdateDone * 40 / gullUpdateTotal));
+  const uint64_t done = std::min(gullUpdateDone, gullUpdateTotal);
+  UPDTSetProgress('P', static_cast<int>(60 + done * 40 / gullUpdateTotal));
 }
 
 }  // namespace

@@ -1,8 +1,9 @@
 // Streaming copy and comparison of an image file and a partition (or any
 // file), in fixed blocks, moving the patch stage's progress record
-// ('P', 60 + 40 * gullUpdateDone / gullUpdateTotal) after every block; with
-// gullUpdateTotal 0 only gullUpdateDone moves. Failures are logged at error
-// priority as "<source file>:<line>(<function>) ...".
+// ('P', 60 + 40 * gullUpdateDone / gullUpdateTotal, at most 100) after every
+// block; bytes still in gullUpdateRecount are taken from it instead of being
+// added to gullUpdateDone. With gullUpdateTotal 0 only the counters move.
+// Failures are logged at error priority as "<source file>:<line>(<function>) ...".
 #ifndef UPDATER_FILE_COPY_H_
 #define UPDATER_FILE_COPY_H_
 

@@ -7,6 +7,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 
 #include "lib/slib_error.h"
@@ -70,18 +71,24 @@ VELTMTDFisEntry MakeFisEntry(const char* name, uint32_t flash_base, uint32_t siz
   return entry;
 }
 
+// 60 to 100 over the patch's work. An empty total only happens when every
+// updated image is empty; the copy refuses those anyway.
+int PatchProgress(uint64_t done, uint64_t total) {
+  return total == 0 ? 60 : static_cast<int>(60 + 40 * std::min(done, total) / total);
+}
+
 // One erase-write-verify attempt on `device`; false when any step fails.
 bool RewriteAttempt(const char* device, const std::string& source, uint32_t datalen, int attempt) {
-  syslog(LOG_INFO, "%s:%d(%s) Try to Erase MTD Partition(%s), [%d/%d]...", kSourceFile, __LINE__,
+  syslog(LOG_ERR, "%s:%d(%s) Try to Erase MTD Partition(%s), [%d/%d]...", kSourceFile, __LINE__,
          kDoPatch, device, attempt, kPatchAttempts);
   if (VELTMTDErasePartition(device) != 0) {
     syslog(LOG_ERR, "%s: VELTMTDErasePartition() fail", kDoPatch);
     return false;
   }
-  syslog(LOG_INFO, "%s:%d(%s) Try to Write MTD Partition(%s), [%d/%d]...", kSourceFile, __LINE__,
+  syslog(LOG_ERR, "%s:%d(%s) Try to Write MTD Partition(%s), [%d/%d]...", kSourceFile, __LINE__,
          kDoPatch, device, attempt, kPatchAttempts);
   if (UPDTCopyFile(source.c_str(), device, datalen, kCopyBlockSize) != 0) return false;
-  syslog(LOG_INFO, "%s:%d(%s) Try to Verify MTD Partition(%s), [%d/%d]...", kSourceFile, __LINE__,
+  syslog(LOG_ERR, "%s:%d(%s) Try to Verify MTD Partition(%s), [%d/%d]...", kSourceFile, __LINE__,
          kDoPatch, device, attempt, kPatchAttempts);
   return UPDTVerifyFile(source.c_str(), device, datalen, kVerifyBlockSize) == 0;
 }
@@ -101,11 +108,12 @@ bool PatchPartition(const PartitionRecord& record, uint64_t done, uint64_t total
   }
   const std::string source = std::string(gszWorkDir) + "/" + record.file;
   bool rewritten = false;
+  const uint64_t counted_before = gullUpdateDone;
   for (int attempt = 0; attempt < kPatchAttempts && !rewritten; ++attempt) {
-    // An empty plan total only happens when every updated image is empty;
-    // the copy refuses those anyway.
-    const uint64_t progress = total == 0 ? 60 : 60 + (40 * done) / total;
-    UPDTSetProgress('P', static_cast<int>(progress));
+    // A retry moves again what the failed attempt counted: the progress
+    // neither counts those bytes twice nor goes back to the partition's start.
+    gullUpdateRecount = gullUpdateDone - counted_before;
+    UPDTSetProgress('P', PatchProgress(std::max(done, gullUpdateDone), total));
     rewritten = RewriteAttempt(device, source, record.datalen, attempt);
   }
   if (!rewritten) {
@@ -119,7 +127,7 @@ bool PatchPartition(const PartitionRecord& record, uint64_t done, uint64_t total
     syslog(LOG_ERR, "%s: VELTMTDModifyFISEntry() fail", kDoPatch);
     return false;
   }
-  syslog(LOG_INFO, "%s: Finish updating [%s]", kDoPatch, record.part);
+  syslog(LOG_ERR, "%s: Finish updating [%s]", kDoPatch, record.part);
   return true;
 }
 
@@ -143,7 +151,7 @@ bool RestorePartition(int row, const unsigned char* fisRecords, int count) {
     syslog(LOG_ERR, "%s: VELTMTDModifyPartitionSize() fail", kRollBack);
     return false;
   }
-  syslog(LOG_INFO, "%s:%d(%s) VELTMTDErasePartition(%s)...", kSourceFile, __LINE__, kRollBack,
+  syslog(LOG_ERR, "%s:%d(%s) VELTMTDErasePartition(%s)...", kSourceFile, __LINE__, kRollBack,
          device);
   if (VELTMTDErasePartition(device) != 0) {
     syslog(LOG_ERR, "%s: VELTMTDErasePartition() fail", kRollBack);
@@ -155,7 +163,7 @@ bool RestorePartition(int row, const unsigned char* fisRecords, int count) {
                          UPDT_BACKUP_DIR, old.name, device)) {
     return false;
   }
-  syslog(LOG_INFO, "%s(%d): command=[%s]", kRollBack, __LINE__, command);
+  syslog(LOG_ERR, "%s(%d): command=[%s]", kRollBack, __LINE__, command);
   if (UPDTExecute(command) < 0) return false;
   const VELTMTDFisEntry entry = MakeFisEntry(old.name, old.flash_base, old.size, old.data_length);
   if (VELTMTDModifyFISEntry(gszDevMtdPartition, &entry) != 0) {
@@ -261,7 +269,7 @@ int UPDTBackupOldPartition(const unsigned char* fisRecords, int count) {
                          gszWorkDir, UPDT_BACKUP_DIR)) {
     return -1;
   }
-  syslog(LOG_INFO, "szCmd=[%s]", command);
+  syslog(LOG_ERR, "szCmd=[%s]", command);
   if (UPDTExecute(command) < 0) return -1;
   for (int i = 0; i < count; ++i) {
     char name[FIS_NAME_SIZE + 1];
@@ -276,7 +284,7 @@ int UPDTBackupOldPartition(const unsigned char* fisRecords, int count) {
                            UPDT_BACKUP_DIR, name)) {
       return -1;
     }
-    syslog(LOG_INFO, "%s(%d): command=[%s]", __func__, __LINE__, command);
+    syslog(LOG_ERR, "%s(%d): command=[%s]", __func__, __LINE__, command);
     if (UPDTExecute(command) < 0) return -1;
     UPDTSetProgress('P', 30 + 5 * i);
   }
@@ -290,7 +298,7 @@ int UPDTDoPatch(const unsigned char* fisRecords, int count) {
   }
   const int rows = PlanRowCount();
   if (UPDTNeedResize(gPartitionTable, rows)) {
-    syslog(LOG_INFO, "%s(%d): NEED RESIZE THE PARTITION", __func__, __LINE__);
+    syslog(LOG_ERR, "%s(%d): NEED RESIZE THE PARTITION", __func__, __LINE__);
     if (ErrUPDTAdjustPartitionSize(gPartitionTable, rows) != 0) {
       syslog(LOG_ERR, "%s(%d): fail to resize", __func__, __LINE__);
       return -1;
@@ -307,11 +315,12 @@ int UPDTDoPatch(const unsigned char* fisRecords, int count) {
   }
   gullUpdateTotal = total;
   gullUpdateDone = 0;
+  gullUpdateRecount = 0;
   uint64_t done = 0;
   for (int i = 0; i < rows; ++i) {
     const PartitionRecord& record = gPartitionTable[i];
     if (record.fneedupdate == 0) {
-      syslog(LOG_INFO, "%s: skip updating [%s]", __func__, record.part);
+      syslog(LOG_ERR, "%s: skip updating [%s]", __func__, record.part);
       continue;
     }
     if (!PatchPartition(record, done, total)) return -1;
@@ -332,7 +341,7 @@ int UPDTRollBack(const unsigned char* fisRecords, int count) {
   const int rows = PlanRowCount();
   for (int i = 0; i < rows; ++i) {
     if (gPartitionTable[i].fneedupdate == 0) {
-      syslog(LOG_INFO, "%s: skip recoverying [%s]", __func__, gPartitionTable[i].part);
+      syslog(LOG_ERR, "%s: skip recoverying [%s]", __func__, gPartitionTable[i].part);
       continue;
     }
     if (!RestorePartition(i, fisRecords, count)) return -1;

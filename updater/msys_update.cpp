@@ -248,12 +248,6 @@ int UPDTMSysGetPartitionInfo(unsigned char* records) {
     syslog(LOG_ERR, "%s(%d): parameter error ", __func__, __LINE__);
     return -1;
   }
-  // The records are named after the eight-row plan, position by position.
-  if (PlanRowCount() != UPDT_MSYS_PARTITIONS) {
-    syslog(LOG_ERR, "%s(%d): the partition table has %d rows, not %d", __func__, __LINE__,
-           PlanRowCount(), UPDT_MSYS_PARTITIONS);
-    return -1;
-  }
   UniqueFd fd(open(kTableDevice, O_RDWR));
   if (fd.get() < 0) {
     syslog(LOG_ERR, "%s(%d): fail to open /dev/mtd0, errno = %d", __func__, __LINE__, errno);
@@ -270,7 +264,7 @@ int UPDTMSysGetPartitionInfo(unsigned char* records) {
   for (int i = 0; i < UPDT_MSYS_PARTITIONS; ++i) {
     FisImageDesc desc;
     memset(&desc, 0, sizeof(desc));
-    snprintf(desc.name, sizeof(desc.name), "%s", gPartitionTable[i].part);
+    snprintf(desc.name, sizeof(desc.name), "%s", SzUPDTOrdinaryPartitionName(i));
     desc.flash_base = flash_base;
     desc.size = table.pairs[2 * i];
     desc.data_length = table.pairs[2 * i + 1];
@@ -389,9 +383,8 @@ int UPDTMSysUpdate(char* progressLetter) {
   if (result == kPlanFailed || result == kBackupFailed) return result;
   if (needs_roll_back) {
     if (!gblGroupUpdate) {
-      // The roll-back rewrites the flash: its progress records are the
-      // patch stage's again.
-      *letter = 'P';
+      // The stage letter stays where the failure happened, also when the
+      // migration failed after the flash was new.
       if (UPDTMSysRollBack(records.data(), UPDT_MSYS_PARTITIONS, repartitioned) != 0) {
         syslog(LOG_ERR, "%s: UPDTRollBack() fail", __func__);
       }

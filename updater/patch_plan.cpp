@@ -71,10 +71,10 @@ void CopyLayout(const PartitionRecord* partitions, const PartitionDevice* device
 uint64_t BlocksFor(uint64_t bytes) { return (bytes + gEraseBlockSize - 1) / gEraseBlockSize; }
 
 // The flash from the kernel image's start to the end of the directory
-// partition, or 0 when the directory does not tell. Computed in 64 bits: a
-// directory at the top of the address space without a kernel record would
-// wrap to 0 in 32.
-uint64_t FlashSize(const unsigned char* fisRecords, int count) {
+// partition, or 0 when the directory does not tell. Computed in the board's
+// 32 bits: a directory at the top of the address space without a kernel
+// record wraps to 0 there, as on the board.
+uint32_t FlashSize(const unsigned char* fisRecords, int count) {
   unsigned long ulAddrMtd7 = 0;
   unsigned long ulSizeMtd7 = 0;
   unsigned long ulAddrMtd0 = 0;
@@ -89,7 +89,7 @@ uint64_t FlashSize(const unsigned char* fisRecords, int count) {
     }
   }
   if (ulAddrMtd0 < ulAddrMtd7 && ulSizeMtd7 > 0) {
-    return static_cast<uint64_t>(ulAddrMtd7) - ulAddrMtd0 + ulSizeMtd7;
+    return static_cast<uint32_t>(ulAddrMtd7 - ulAddrMtd0 + ulSizeMtd7);
   }
   syslog(LOG_ERR, "%s(%d): ulAddrMtd7 = %lx, ulAddrMtd0 = %lx, ulSizeMtd7 = %lx", kInitPatchInfo,
          __LINE__, ulAddrMtd7, ulAddrMtd0, ulSizeMtd7);
@@ -151,11 +151,16 @@ int ChooseDonor(const PartitionRecord* records, int count, int needy) {
 void UPDTSelectLayout(int junior) {
   if (junior) {
     CopyLayout(kPartitionsJunior, kDevicesJunior, CountOf(kPartitionsJunior), "/dev/mtd5");
-    syslog(LOG_INFO, "This is junior, gszDevMtdPartition=[%s]", gszDevMtdPartition);
+    syslog(LOG_ERR, "This is junior, gszDevMtdPartition=[%s]", gszDevMtdPartition);
   } else {
     CopyLayout(kPartitionsOrdinary, kDevicesOrdinary, CountOf(kPartitionsOrdinary), "/dev/mtd7");
-    syslog(LOG_INFO, "This is not junior, gszDevMtdPartition=[%s]", gszDevMtdPartition);
+    syslog(LOG_ERR, "This is not junior, gszDevMtdPartition=[%s]", gszDevMtdPartition);
   }
+}
+
+const char* SzUPDTOrdinaryPartitionName(int index) {
+  if (index < 0 || index >= CountOf(kPartitionsOrdinary)) return nullptr;
+  return kPartitionsOrdinary[index].part;
 }
 
 const char* SzUPDTGetDeviceByName(const char* name) {
@@ -210,13 +215,12 @@ int UPDTInitPatchInfo(const unsigned char* fisRecords, int count) {
     syslog(LOG_ERR, "%s(%d): gEraseBlockSize == 0", __func__, __LINE__);
     return -1;
   }
-  const uint64_t flashSize = FlashSize(fisRecords, count);
+  const uint32_t flashSize = FlashSize(fisRecords, count);
   if (flashSize == 0) {
     syslog(LOG_ERR, "%s(%d): flashsize == 0", __func__, __LINE__);
     return -1;
   }
-  syslog(LOG_INFO, "flashsize = 0x%08llX, eraseblock = 0x%08X",
-         static_cast<unsigned long long>(flashSize), gEraseBlockSize);
+  syslog(LOG_INFO, "flashsize = 0x%08X, eraseblock = 0x%08X", flashSize, gEraseBlockSize);
 
   uint64_t total = 0;
   for (int i = 0; i < gPartitionCount && i < UPDT_MAX_PARTITIONS; ++i) {

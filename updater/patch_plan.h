@@ -34,6 +34,10 @@ typedef struct {
 // junior, gszDevMtdPartition=[%s]" or "This is junior, ...".
 void UPDTSelectLayout(int junior);
 
+// Name of partition `index` (0..7) in the layout of boards that are not
+// junior, whatever layout is selected; null for any other index.
+const char* SzUPDTOrdinaryPartitionName(int index);
+
 // Device of the partition `name` in gPartitionDevices (exact match), or
 // null with a log line (null name: parameter error; unknown name).
 const char* SzUPDTGetDeviceByName(const char* name);

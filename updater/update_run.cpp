@@ -14,6 +14,7 @@ PartitionDevice gPartitionDevices[UPDT_MAX_PARTITIONS + 1];
 uint32_t gEraseBlockSize;
 uint64_t gullUpdateTotal;
 uint64_t gullUpdateDone;
+uint64_t gullUpdateRecount;
 int gblMtdDriverBuffer = 1;
 int gblServicesStopped;
 int gblPartialUpdate;
@@ -43,6 +44,7 @@ void UPDTResetRunState(void) {
   gEraseBlockSize = 0;
   gullUpdateTotal = 0;
   gullUpdateDone = 0;
+  gullUpdateRecount = 0;
   gblMtdDriverBuffer = 1;
   gblServicesStopped = 0;
   gblPartialUpdate = 0;

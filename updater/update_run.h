@@ -22,8 +22,11 @@ extern PartitionDevice gPartitionDevices[UPDT_MAX_PARTITIONS + 1];
 extern uint32_t gEraseBlockSize;  // bytes, from the FIS directory device
 
 // Bytes all copy and verify passes of the patch move, and bytes moved so far.
+// A retried partition's bytes count once: the first gullUpdateRecount bytes a
+// retry moves were counted by the failed attempt and leave gullUpdateDone alone.
 extern uint64_t gullUpdateTotal;
 extern uint64_t gullUpdateDone;
+extern uint64_t gullUpdateRecount;
 
 // 1 (initially): the run sets the MTU to 1500 and takes the MTD driver
 // buffer; 0: the old system needs the "/initrd" reboot rule instead.

@@ -426,7 +426,7 @@ TEST_F(UpdaterRunTest, Nor8UpdateRebalancesPartitionsAndLeavesServicesStopped) {
   EXPECT_EQ(UpdateLog(), (std::vector<std::string>{kStartLine, kUpgradeLine, kDoneLine}));
   const std::vector<std::string> messages = UpdaterMessages(result);
   ExpectMessages(messages, {"user.err main(N): Start of the updater...",
-                            "user.info This is not junior, gszDevMtdPartition=[/dev/mtd7]",
+                            "user.err This is not junior, gszDevMtdPartition=[/dev/mtd7]",
                             "user.err number of partitions = [8]",
                             "user.err [zImage]  0xFF800000  0x00180000  0x0012F3A4",
                             "user.err main(N): Turn on the reinstall library flag...!!",
@@ -458,7 +458,7 @@ TEST_F(UpdaterRunTest, Junior6UpdateRewritesImagesInPlaceOnSixPartitions) {
   ExpectServicesOnlyStopped(result);
   EXPECT_EQ(UpdateLog(), (std::vector<std::string>{kStartLine, kUpgradeLine, kDoneLine}));
   const std::vector<std::string> messages = UpdaterMessages(result);
-  EXPECT_TRUE(Contains(messages, "user.info This is junior, gszDevMtdPartition=[/dev/mtd5]"))
+  EXPECT_TRUE(Contains(messages, "user.err This is junior, gszDevMtdPartition=[/dev/mtd5]"))
       << Joined(messages);
   EXPECT_TRUE(Contains(messages, "user.err number of partitions = [6]")) << Joined(messages);
 }

@@ -143,6 +143,18 @@ class VeltMtdTest : public ::testing::Test {
     return ioctl(fd.get(), MEMERASE, &range) == 0 ? 0 : errno;
   }
 
+  // True when the source lines of the captured "name(123): ..." messages
+  // never go back: messages come from one public function's body in order,
+  // not from a helper defined above it.
+  static bool SourceLinesAscend() {
+    std::vector<int> lines;
+    for (const testing_support::SyslogRecord& record : testing_support::SyslogRecords()) {
+      const size_t open = record.second.find('(');
+      if (open != std::string::npos) lines.push_back(atoi(record.second.c_str() + open + 1));
+    }
+    return std::is_sorted(lines.begin(), lines.end());
+  }
+
   // The module's syslog lines, the source line number replaced by "N" and
   // any priority other than error shown in front; taken out of the capture.
   Lines Logged() const {
@@ -417,6 +429,7 @@ TEST_F(VeltMtdTest, EraseFailuresLogTheirErrno) {
   EXPECT_EQ(-1, VELTMTDErasePartition(Device(2).c_str()));
   ASSERT_EQ("OK\n", Control("fault erase mtd2 nth=1 errno=EIO"));
   EXPECT_EQ(-1, VELTMTDErasePartition(Device(2).c_str()));
+  EXPECT_TRUE(SourceLinesAscend());
   EXPECT_EQ(
       (Lines{"VELTMTDErasePartition(N): parameter error",
              "VELTMTDErasePartition(N): fail to open mtd device " + Path("mtd9") + ", errno = 2",
@@ -440,6 +453,7 @@ TEST_F(VeltMtdTest, LockFailuresCarryTheInternalFunctionName) {
   EXPECT_EQ(-1, VELTMTDLockPartition(Device(1).c_str()));
   ASSERT_EQ("OK\n", Control("fault unlock mtd1 nth=1 errno=EIO"));
   EXPECT_EQ(-1, VELTMTDILock(Device(1).c_str(), 0));
+  EXPECT_TRUE(SourceLinesAscend());
   EXPECT_EQ(
       (Lines{"VELTMTDILock(N): parameter error", "VELTMTDILock(N): parameter error",
              "VELTMTDILock(N): fail to open mtd device " + Path("mtd9") + ", errno = 2",
@@ -461,6 +475,7 @@ TEST_F(VeltMtdTest, PartitionExtentFailuresLogTheirErrno) {
   EXPECT_EQ(-1, VELTMTDModifyPartitionSize(Device(2).c_str(), kNorBase + 0x800, 0x1000));
   ASSERT_EQ("OK\n", Control("fault set-extent mtd2 nth=1 errno=EIO"));
   EXPECT_EQ(-1, VELTMTDModifyPartitionSize(Device(2).c_str(), kNorBase + 0xB000, 0x1000));
+  EXPECT_TRUE(SourceLinesAscend());
   EXPECT_EQ((Lines{"VELTMTDModifyPartitionSize(N): parameter error",
                    "VELTMTDModifyPartitionSize(N): fail to open mtd device " + Path("mtd9") +
                        ", errno = 2",
@@ -485,6 +500,7 @@ TEST_F(VeltMtdTest, FisEntryWithUnknownNameOrFaultFailsAndChangesNothing) {
   const VELTMTDFisEntry known = Entry("zImage", kNorBase + 0x2000, 0x2000, 0x10);
   EXPECT_EQ(-1, VELTMTDModifyFISEntry(fis.c_str(), &known));
   EXPECT_EQ(-1, VELTMTDModifyFISEntry(Path("mtd9").c_str(), &known));
+  EXPECT_TRUE(SourceLinesAscend());
   EXPECT_EQ(
       (Lines{
           "VELTMTDModifyFISEntry(N): parameter error", "VELTMTDModifyFISEntry(N): parameter error",

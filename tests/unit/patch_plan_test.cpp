@@ -21,7 +21,6 @@ using testing_support::SyslogRecord;
 constexpr uint32_t kBlock = 0x10000;
 
 SyslogRecord Error(const std::string& text) { return {LOG_ERR, text}; }
-SyslogRecord Info(const std::string& text) { return {LOG_INFO, text}; }
 
 class PatchPlan : public ::testing::Test {
  protected:
@@ -275,7 +274,7 @@ TEST_F(PatchPlan, OrdinaryBoardsGetEightPartitionsAndTheDirectoryOnMtd7) {
       {"RedBoot Config", "RedBoot Config", "/dev/mtd6"},
       {"FIS Directory", "FIS Directory", "/dev/mtd7"},
   });
-  EXPECT_EQ(std::vector<SyslogRecord>{Info("This is not junior, gszDevMtdPartition=[/dev/mtd7]")},
+  EXPECT_EQ(std::vector<SyslogRecord>{Error("This is not junior, gszDevMtdPartition=[/dev/mtd7]")},
             LoggedRecords());
 }
 
@@ -294,7 +293,7 @@ TEST_F(PatchPlan, JuniorBoardsGetSixPartitionsAndTheDirectoryOnMtd5) {
       {"RedBoot Config", "RedBoot Config", "/dev/mtd4"},
       {"FIS Directory", "FIS Directory", "/dev/mtd5"},
   });
-  EXPECT_EQ(std::vector<SyslogRecord>{Info("This is junior, gszDevMtdPartition=[/dev/mtd5]")},
+  EXPECT_EQ(std::vector<SyslogRecord>{Error("This is junior, gszDevMtdPartition=[/dev/mtd5]")},
             LoggedRecords());
 }
 
