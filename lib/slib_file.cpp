@@ -33,13 +33,12 @@ int Fail(int code) {
 
 const char* OrNull(const char* text) { return text != nullptr ? text : "(null)"; }
 
-// The cleaned text before the first "=" of a line; false for a comment or a
-// line without "=", which have no key.
+// The cleaned text before the first "=" of a line (all of a line without
+// one: a key without a value part); false for a comment, which has no key.
 bool KeyOfLine(const char* line, std::string* key) {
   if (IsComment(line)) return false;
   const char* equals = strchr(line, '=');
-  if (equals == nullptr) return false;
-  *key = Trimmed(std::string(line, equals));
+  *key = Trimmed(equals != nullptr ? std::string(line, equals) : std::string(line));
   return true;
 }
 
@@ -48,10 +47,13 @@ bool LineHasKey(const char* line, const char* key) {
   return KeyOfLine(line, &line_key) && line_key == key;
 }
 
-// The cleaned text after the first "=" up to the line's newline.
-std::string ValueOfLine(const char* line) {
-  const char* value = strchr(line, '=') + 1;
-  return Trimmed(std::string(value, strcspn(value, "\n")));
+// The cleaned text after the first "=" up to the line's newline; false for a
+// line without a value part.
+bool ValueOfLine(const char* line, std::string* value) {
+  const char* equals = strchr(line, '=');
+  if (equals == nullptr) return false;
+  *value = Trimmed(std::string(equals + 1, strcspn(equals + 1, "\n")));
+  return true;
 }
 
 int GetKeyValue(const char* path, const char* key, char* buffer, int size, int flags) {
@@ -63,10 +65,13 @@ int GetKeyValue(const char* path, const char* key, char* buffer, int size, int f
   int status;
   while ((status = reader.Next()) > 0) {
     if (!LineHasKey(reader.line(), key)) continue;
-    const std::string value = ValueOfLine(reader.line());
     found = true;
-    result = static_cast<int>(value.size()) + 1;
-    if (buffer != nullptr && result <= size) memcpy(buffer, value.c_str(), value.size() + 1);
+    // A bare key matches but leaves the result as it was.
+    std::string value;
+    if (ValueOfLine(reader.line(), &value)) {
+      result = static_cast<int>(value.size()) + 1;
+      if (buffer != nullptr && result <= size) memcpy(buffer, value.c_str(), value.size() + 1);
+    }
     if ((flags & SLIB_FILE_MATCH_ALL) == 0) break;
   }
   if (status < 0) return -1;
@@ -146,7 +151,7 @@ int GetSection(const char* path, const char* section, SLIBSZHASH** hash) {
       inside = IsSectionHeader(line, header);
       continue;
     }
-    if (!inside || IsComment(line)) continue;
+    if (!inside) continue;
     const char* equals = strchr(line, '=');
     if (equals == nullptr) continue;
     const std::string key = Trimmed(std::string(line, equals));
@@ -163,7 +168,8 @@ struct ListHolder {
   ~ListHolder() { SLIBSzListFree(list); }
 };
 
-// Appends the keys still in the hash after the last line of the file.
+// Appends the keys still in the hash after the last line of the file; they
+// stay in the hash.
 bool AppendRemainingKeys(FILE* tmp, SLIBSZHASH* hash, const char* format) {
   ListHolder keys;
   keys.list = PslSLIBSzListAlloc(512);
@@ -178,7 +184,6 @@ bool AppendRemainingKeys(FILE* tmp, SLIBSZHASH* hash, const char* format) {
     const char* value = SzSLIBSzHashGetValue(hash, key);
     if (key == nullptr || value == nullptr) continue;
     if (!WritePair(tmp, format != nullptr ? format : kDefaultFormat, key, value)) return false;
-    SzSLIBSzHashRemoveKey(hash, key);
   }
   return true;
 }

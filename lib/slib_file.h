@@ -38,15 +38,17 @@ enum {
 // Reads the value of `key` into `buffer` (`size` bytes; null only with size
 // 0). Returns the value's length + 1 (> 0); 0 with 0x2000 when no line has the
 // key; -1 with 0x100 when the value does not fit, or on another error. The
-// first line with the key wins, the last with SLIB_FILE_MATCH_ALL.
+// first line with the key wins, the last with SLIB_FILE_MATCH_ALL. A line
+// without "=" is the key with no value part: it matches but gives no value
+// (alone, the result is 0 without an error code).
 int SLIBFileGetKeyValue(const char* path, const char* key, char* buffer, int size, int flags);
 
-// Sets `key` to `value`: the first line with the key is replaced, later ones
-// are dropped; a key not in the file is appended; a missing file is created
-// with the one line. The line is "%s=%s\n" (key, value), or `format` applied
-// to two strings: for a replaced line, the old line as read (newline
-// included) and the value; for an appended or created line, the key and the
-// value. Key "defaultfs" leaves a trace in syslog. Returns 1, or -1.
+// Sets `key` to `value`: the first line with the key (a bare key line too) is
+// replaced, later ones are dropped; a key not in the file is appended; a
+// missing file is created with the one line. The line is "%s=%s\n" (key, value), or `format`
+// applied to two strings: for a replaced line, the old line as read (newline included) and the
+// value; for an appended or created line, the key and the value. Key "defaultfs" leaves a trace in
+// syslog. Returns 1, or -1.
 int SLIBFileSetKeyValue(const char* path, const char* key, const char* value, const char* format);
 
 // Puts every key/value line of section `section` (from its "[section]" line
@@ -57,8 +59,8 @@ int SLIBFileGetSection(const char* path, const char* section, SLIBSZHASH** hash)
 
 // Gives every key of `hash` its value in the file (first line with the key
 // rewritten as "%s=%s\n" or `format` with key and value; keys not in the file
-// appended at the end). Consumes the hash: every key written is removed from
-// it. Returns 1, or -1.
+// appended at the end). The keys found in the file are removed from the hash;
+// the appended ones stay. Returns 1, or -1.
 int SLIBFileSetKeys(const char* path, SLIBSZHASH* hash, const char* format);
 
 // One line of SLIBFileSetKeys: when the cleaned line's key is in `hash`,

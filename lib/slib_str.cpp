@@ -64,7 +64,10 @@ int SLIBStrDecodeColon(const char* in, char* out, size_t size) {
     SLIBCErrSet(SLIB_ERR_BAD_ARGUMENT);
     return -1;
   }
-  if (strlen(in) + 1 > size) {
+  // Every ';' shortens the output, so only an input of exactly `size`
+  // characters without one leaves no room for the NUL.
+  const size_t input_length = strlen(in);
+  if (input_length > size || (input_length == size && strchr(in, ';') == nullptr)) {
     SLIBCErrSet(SLIB_ERR_BUFFER_TOO_SMALL);
     return -1;
   }

@@ -24,8 +24,9 @@ int SLIBStrTrimSpace(char* str, char* out);
 // Decodes a field of a colon-separated file: ";," becomes ":", ";;" becomes
 // ";", and a ";" followed by anything else (or at the end) ends the output.
 // Returns the length written to `out` (`size` bytes); -1 with 0x100 when the
-// input with its NUL is longer than `size`, -1 with 0xD00 for a null or
-// identical buffer.
+// input is longer than `size` or its decoded form and NUL do not fit (an
+// input of exactly `size` characters fits only when a ";" shortens it),
+// -1 with 0xD00 for a null or identical buffer.
 int SLIBStrDecodeColon(const char* in, char* out, size_t size);
 
 // The inverse of SLIBStrDecodeColon: ":" becomes ";," and ";" becomes ";;".

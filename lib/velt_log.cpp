@@ -25,6 +25,7 @@
 #include "lib/slib_file_io.h"
 #include "lib/slib_hash.h"
 #include "lib/slib_str.h"
+#include "lib/source_name.h"
 #include "lib/unique_fd.h"
 #include "lib/velt_log_ring.h"
 
@@ -32,6 +33,8 @@ using slib_file_io::UniqueFile;
 using velt_log_ring::Record;
 
 namespace {
+
+constexpr const char* kSourceFile = SourceBaseName(__FILE__);
 
 constexpr char kConfPath[] = "/etc/veltlog.conf";
 constexpr char kTextsFormat[] = "/usr/velt/veltsdk/texts/%s/events";
@@ -142,21 +145,24 @@ uint32_t ConfiguredSize(const char* key) {
 }
 
 // The size limit of the class's log for this write, creating the
-// configuration file when it is missing; 0 when that fails.
+// configuration file when it is missing; 0 when that fails. The log is
+// shrunk to the limit after creating the file and for a configured size,
+// not for the fallback of an existing file without the size key.
 uint32_t ChooseLimit(const LogClass& log_class) {
-  uint32_t limit = log_class.fallback_size;
+  const uint32_t fallback = log_class.fallback_size;
   if (!FileExists(kConfPath)) {
     if (!CreateConf()) {
-      syslog(LOG_ERR, "%s:%d(%s) creating %s failed", __FILE__, __LINE__, __func__, kConfPath);
+      syslog(LOG_ERR, "%s:%d(%s) creating %s failed", kSourceFile, __LINE__, __func__, kConfPath);
       return 0;
     }
-  } else {
-    if (log_class.announces_open) syslog(LOG_INFO, "VELT : log file %s opened", kConfPath);
-    const uint32_t configured = ConfiguredSize(log_class.conf->size_key);
-    if (configured > 0) limit = configured;
+    VELTLogChangeSize(static_cast<int>(fallback), log_class.number);
+    return fallback;
   }
-  VELTLogChangeSize(static_cast<int>(limit), log_class.number);
-  return limit;
+  if (log_class.announces_open) syslog(LOG_INFO, "VELT : log file %s opened", kConfPath);
+  const uint32_t configured = ConfiguredSize(log_class.conf->size_key);
+  if (configured == 0) return fallback;
+  VELTLogChangeSize(static_cast<int>(configured), log_class.number);
+  return configured;
 }
 
 std::string LogFilePath(const LogClass& log_class) {

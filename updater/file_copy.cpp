@@ -10,21 +10,14 @@
 #include <algorithm>
 #include <memory>
 
+#include "lib/source_name.h"
 #include "lib/unique_fd.h"
 #include "updater/update_run.h"
 #include "updater/update_status.h"
 
 namespace {
 
-// The messages carry the source file's name, not the build's path to it.
-constexpr const char* BaseName(const char* path) {
-  const char* name = path;
-  for (const char* p = path; *p != '\0'; ++p) {
-    if (*p == '/') name = p + 1;
-  }
-  return name;
-}
-constexpr const char* kSourceFile = BaseName(__FILE__);
+constexpr const char* kSourceFile = SourceBaseName(__FILE__);
 
 struct FreeDeleter {
   void operator()(void* block) const { free(block); }

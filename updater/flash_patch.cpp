@@ -11,6 +11,7 @@
 #include <string>
 
 #include "lib/slib_error.h"
+#include "lib/source_name.h"
 #include "lib/unique_fd.h"
 #include "sdk/velt_mtd.h"
 #include "updater/file_copy.h"
@@ -29,15 +30,7 @@ constexpr int kRecoveredRecordCount = 6;
 
 using Command = char[kCommandSize];
 
-// The messages carry the source file's name, not the build's path to it.
-constexpr const char* BaseName(const char* path) {
-  const char* name = path;
-  for (const char* p = path; *p != '\0'; ++p) {
-    if (*p == '/') name = p + 1;
-  }
-  return name;
-}
-constexpr const char* kSourceFile = BaseName(__FILE__);
+constexpr const char* kSourceFile = SourceBaseName(__FILE__);
 
 // Function names in the log lines of the helpers that work for them.
 constexpr char kDoPatch[] = "UPDTDoPatch";

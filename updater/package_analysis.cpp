@@ -12,10 +12,13 @@
 #include <string>
 
 #include "lib/slib_file.h"
+#include "lib/source_name.h"
 #include "updater/update_run.h"
 #include "updater/update_status.h"
 
 namespace {
+
+constexpr const char* kSourceFile = SourceBaseName(__FILE__);
 
 constexpr char kAnalyze[] = "ErrUPDTIAnalyze";
 constexpr char kWholeSystem[] = "ErrUPDTIAnalyze_WholeSystem";
@@ -235,15 +238,15 @@ bool DirectoryOpens(const char* path) {
 int ErrEnsureDefaultFs(void) {
   char value[80] = "";
   if (ReadKey(kInfoFile, kDefaultFsKey, value, sizeof(value))) return kAccept;
-  syslog(LOG_ERR, "%s:%d(%s): can not get [%s] in [%s]", __FILE__, __LINE__, kWholeSystem,
+  syslog(LOG_ERR, "%s:%d(%s): can not get [%s] in [%s]", kSourceFile, __LINE__, kWholeSystem,
          kDefaultFsKey, kInfoFile);
   if (!ReadKey(kDefaultInfoFile, kDefaultFsKey, value, sizeof(value))) {
-    syslog(LOG_ERR, "%s:%d(%s): can not get [%s] in [%s]", __FILE__, __LINE__, kWholeSystem,
+    syslog(LOG_ERR, "%s:%d(%s): can not get [%s] in [%s]", kSourceFile, __LINE__, kWholeSystem,
            kDefaultFsKey, kDefaultInfoFile);
     snprintf(value, sizeof(value), "%s", kFallbackFs);
   }
   if (SLIBFileSetKeyValue(kInfoFile, kDefaultFsKey, value, "%s=\"%s\"\n") <= 0) {
-    syslog(LOG_ERR, "%s:%d(%s): can not set [%s=%s] to %s", __FILE__, __LINE__, kWholeSystem,
+    syslog(LOG_ERR, "%s:%d(%s): can not set [%s=%s] to %s", kSourceFile, __LINE__, kWholeSystem,
            kDefaultFsKey, value, kInfoFile);
     return kErrDefaultFs;
   }

@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "lib/slib_file.h"
+#include "lib/source_name.h"
 #include "sdk/kernel.h"
 #include "sdk/platform_identity.h"
 #include "sdk/slib_exec.h"
@@ -32,6 +33,8 @@
 #include "updater/update_status.h"
 
 namespace {
+
+constexpr const char* kSourceFile = SourceBaseName(__FILE__);
 
 constexpr char kFactorySettings[] = "/etc.defaults/veltinfo.conf";
 constexpr char kSettings[] = "/etc/veltinfo.conf";
@@ -272,7 +275,7 @@ int MigrateConfiguration() {
   if (gPhotoDbUpgrade > 0 || gblPhotoDbReset == 1) {
     if (gblServicesStopped == 1 &&
         SLIBCExec(kDatabaseScript, "start", nullptr, nullptr, nullptr) < 0) {
-      syslog(LOG_ERR, "%s: %d: failed to start postgre database.", __FILE__, __LINE__);
+      syslog(LOG_ERR, "%s: %d: failed to start postgre database.", kSourceFile, __LINE__);
     }
     if (UpdatePhotoDB() < 0) return kMigrationStepFailed;
   }

@@ -912,7 +912,7 @@ TEST_F(UpdaterRunTest, PhotoDatabaseStatementsRunEvenWhenTheDatabaseCannotBeStar
   ExpectProgress("R:0:");
   size_t database_failures = 0;
   for (const std::string& message : UpdaterMessages(result)) {
-    const std::string prefix = "user.err updater/updater.cpp: ";
+    const std::string prefix = "user.err updater.cpp: ";
     const std::string suffix = ": failed to start postgre database.";
     if (message.compare(0, prefix.size(), prefix) == 0 && message.size() > suffix.size() &&
         message.compare(message.size() - suffix.size(), suffix.size(), suffix) == 0) {

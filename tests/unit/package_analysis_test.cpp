@@ -47,7 +47,7 @@ constexpr char kFactoryFs[] = "ext3";
 
 std::string Logged(const std::string& text) { return "ErrUPDTIAnalyze_WholeSystem(N): " + text; }
 std::string LoggedAt(const std::string& text) {
-  return "updater/package_analysis.cpp:N(ErrUPDTIAnalyze_WholeSystem): " + text;
+  return "package_analysis.cpp:N(ErrUPDTIAnalyze_WholeSystem): " + text;
 }
 const std::string kSkip = Logged("Skip OS build version checking...");
 const std::string kNoDefaultFsInInfo = LoggedAt("can not get [defaultfs] in [/etc/veltinfo.conf]");

@@ -105,7 +105,9 @@ const GetCase kGetCases[] = {
     {"comment with 0x1 is not the last", "KEY=v\n#KEY=c\n", "KEY", SLIB_FILE_MATCH_ALL, 2, "v", 0},
     {"keys compare case-sensitively", "key=v\n", "KEY", 0, 0, nullptr, SLIB_ERR_NOT_FOUND},
     {"a longer key is another key", "KEYS=v\n", "KEY", 0, 0, nullptr, SLIB_ERR_NOT_FOUND},
-    {"a line without = has no key", "KEY\nKEY v\n", "KEY", 0, 0, nullptr, SLIB_ERR_NOT_FOUND},
+    {"a bare key matches without a value", "KEY\nKEY=v\n", "KEY", 0, 0, nullptr, kNoError},
+    {"a bare key keeps the value before it", "KEY=v\nKEY\n", "KEY", SLIB_FILE_MATCH_ALL, 2, "v", 0},
+    {"a line without = is all key", "KEY v\n", "KEY", 0, 0, nullptr, SLIB_ERR_NOT_FOUND},
     {"key found only in the value", "A=KEY=v\n", "KEY", 0, 0, nullptr, SLIB_ERR_NOT_FOUND},
     {"empty file", "", "KEY", 0, 0, nullptr, SLIB_ERR_NOT_FOUND},
 };
@@ -230,6 +232,9 @@ TEST(SlibFile, SetKeyValueReplacesTheFirstDuplicateAndDropsTheOthers) {
   WriteFile(path, "KEY=1\nA=x\n KEY =2\n#KEY=3\nKEY=4\n");
   EXPECT_EQ(1, SLIBFileSetKeyValue(path.c_str(), "KEY", "9", nullptr));
   EXPECT_EQ("KEY=9\nA=x\n#KEY=3\n", ReadFile(path));
+  WriteFile(path, "A=x\nKEY\nKEY=4\n");  // a bare key is the first line with the key
+  EXPECT_EQ(1, SLIBFileSetKeyValue(path.c_str(), "KEY", "9", nullptr));
+  EXPECT_EQ("A=x\nKEY=9\n", ReadFile(path));
   char buffer[8];
   EXPECT_EQ(2, SLIBFileGetKeyValue(path.c_str(), "KEY", buffer, 8, SLIB_FILE_MATCH_ALL));
   EXPECT_STREQ("9", buffer);
@@ -356,11 +361,11 @@ TEST(SlibFile, GetSectionReadsTheKeysOfTheFirstMatchingSection) {
   HashHolder h;
   ASSERT_NE(nullptr, h.hash);
   SLIBCErrSet(kNoError);
-  EXPECT_EQ(3, SLIBFileGetSection(dir.File("smb.conf").c_str(), "NetBackup", &h.hash));
+  EXPECT_EQ(5, SLIBFileGetSection(dir.File("smb.conf").c_str(), "NetBackup", &h.hash));
   EXPECT_STREQ("/volume1/second", SzSLIBSzHashGetValue(h.hash, "path"));
   EXPECT_STREQ("no", SzSLIBSzHashGetValue(h.hash, "read only"));
   EXPECT_STREQ("", SzSLIBSzHashGetValue(h.hash, "empty"));
-  EXPECT_EQ(nullptr, SzSLIBSzHashGetValue(h.hash, "# comment"));
+  EXPECT_STREQ("no", SzSLIBSzHashGetValue(h.hash, "# comment"));  // a key like any other
   EXPECT_EQ(nullptr, SzSLIBSzHashGetValue(h.hash, "lower"));
   EXPECT_EQ(nullptr, SzSLIBSzHashGetValue(h.hash, "again"));
   EXPECT_EQ(nullptr, SzSLIBSzHashGetValue(h.hash, "workgroup"));
@@ -411,7 +416,8 @@ TEST(SlibFile, SetKeysRewritesKeysInTheFileAndAppendsTheRest) {
   EXPECT_EQ(1, SLIBFileSetKeys(path.c_str(), h.hash, nullptr));
   // Only the first B is rewritten: the key leaves the hash once written.
   EXPECT_EQ("# B=comment\nA=1\nB=20\n\nC=3\nB=dup\nD=4\n", ReadFile(path));
-  EXPECT_EQ(0, h.hash->nEntry);
+  EXPECT_EQ(1, h.hash->nEntry);  // the appended key stays
+  EXPECT_STREQ("4", SzSLIBSzHashGetValue(h.hash, "D"));
   EXPECT_EQ(kNoError, SLIBCErrGet());
   EXPECT_FALSE(FileExists(path + ".tmp"));
 }

@@ -146,12 +146,13 @@ TEST(SlibStr, EncodeThenDecodeColonGivesOriginal) {
 
 TEST(SlibStr, DecodeColonNeedsRoomForWholeInput) {
   char out[8];
-  // "a;,b" decodes to 3 characters, but the input with its NUL takes 5 bytes.
+  // "a;,b" decodes to 3 characters and its NUL: 4 bytes, not 3.
   SLIBCErrSet(0);
-  EXPECT_EQ(SLIBStrDecodeColon("a;,b", out, 4), -1);
+  EXPECT_EQ(SLIBStrDecodeColon("a;,b", out, 3), -1);
   EXPECT_EQ(SLIBCErrGet(), SLIB_ERR_BUFFER_TOO_SMALL);
-  EXPECT_EQ(SLIBStrDecodeColon("a;,b", out, 5), 3);
+  EXPECT_EQ(SLIBStrDecodeColon("a;,b", out, 4), 3);
   EXPECT_STREQ(out, "a:b");
+  EXPECT_EQ(SLIBStrDecodeColon("abcd", out, 4), -1);  // no room for the NUL
 }
 
 TEST(SlibStr, EncodeColonTooLongFailsAndLeavesOutputAlone) {

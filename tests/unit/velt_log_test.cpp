@@ -300,6 +300,9 @@ TEST_F(VeltLog, SizeKeysMissingFallBackTo131072ForSystemAnd65536ForOthers) {
   EXPECT_GT(FileSize(kSysLog), 131072 - 300);
   EXPECT_LE(FileSize(kSysLog), 131072);
   EXPECT_TRUE(EndsConsecutivelyAt(ExportedSequence(1, Lang()), 999));
+  // The fallback limit does not shrink the log: the missing log is not looked at.
+  EXPECT_EQ(0,
+            CountSyslog(LOG_INFO, "VELTLogChangeSize : logfile /var/log/veltsys.log not existed"));
 
   ASSERT_TRUE(WriteSequence(3, 0, 1000, 100));
   EXPECT_GT(FileSize(kConnLog), 65536 - 300);
