@@ -1,5 +1,7 @@
 #include "lib/slib_file_io.h"
 
+#include <errno.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -32,20 +34,25 @@ bool LineReader::Reserve(size_t needed) {
 
 int LineReader::Next() {
   length_ = 0;
-  if (!Reserve(1)) return -1;
+  if (!Reserve(kLineStep)) return -1;
   buffer_[0] = '\0';
-  int c;
-  while ((c = getc_unlocked(file_)) != EOF) {
-    if (!Reserve(length_ + 2)) return -1;
-    buffer_[length_++] = static_cast<char>(c);
-    if (c == '\n') break;
+  // getdelim grows the buffer itself (with realloc) for a longer line.
+  errno = 0;
+  const ssize_t got = getdelim(&buffer_, &capacity_, '\n', file_);
+  if (got > 0) {
+    length_ = static_cast<size_t>(got);
+    return 1;
   }
-  buffer_[length_] = '\0';
-  if (c == EOF && ferror(file_)) {
+  if (buffer_ != nullptr) buffer_[0] = '\0';
+  if (errno == ENOMEM) {
+    SLIBCErrSet(SLIB_ERR_OUT_OF_MEMORY);
+    return -1;
+  }
+  if (ferror(file_)) {
     SLIBCErrSet(SLIB_ERR_READ);
     return -1;
   }
-  return length_ > 0 ? 1 : 0;
+  return 0;
 }
 
 void LineReader::Rewind() {

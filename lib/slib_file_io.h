@@ -23,8 +23,8 @@ struct FileCloser {
 };
 using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 
-// Reads a file one line at a time. The buffer starts at 8192 bytes and grows
-// in steps of 8192, so lines of any length are read whole.
+// Reads a file one line at a time. The buffer starts at 8192 bytes and
+// getdelim doubles it for a longer line, so lines of any length are read whole.
 class LineReader {
  public:
   explicit LineReader(FILE* file) : file_(file) {}

@@ -110,11 +110,17 @@ TEST(SlibUnicode, CaseCmpFoldsGermanAndGreekLetters) {
       {"ΟΔΥΣΣΕΥΣ", "οδυσσευς"},  // final sigma folds like sigma
       {"Émile", "éMILE"},
       {"\xF0\x90\x90\x80", "\xF0\x90\x90\xA8"},
+      {"file_é.JPG", "FILE_É.jpg"},
+      {"\xE2\x84\xAA"
+       "elvin",
+       "kELVIN"},  // the Kelvin sign folds to an ASCII k
   };
   for (const Case& c : equal) {
     EXPECT_EQ(SLIBCUtf8StrCaseCmp(c.a, c.b), 0) << c.a << " / " << c.b;
     EXPECT_EQ(SLIBCUtf8StrCaseCmp(c.b, c.a), 0) << c.b << " / " << c.a;
   }
+  const std::string long_name = "ß" + std::string(400, 'x');  // longer than a stack buffer
+  EXPECT_EQ(SLIBCUtf8StrCaseCmp(long_name.c_str(), ("SS" + std::string(400, 'X')).c_str()), 0);
 }
 
 TEST(SlibUnicode, CaseCmpOrdersByFoldedCodePoints) {
@@ -127,6 +133,7 @@ TEST(SlibUnicode, CaseCmpOrdersByFoldedCodePoints) {
       {"apple", "Banana", -1},
       {"Zebra", "apple", 1},
       {"abc", "ABCD", -1},
+      {"_x", "Ax", -1},  // folded to lower case: '_' before 'a'
       {"straße", "strasse2", -1},
       {"zoo", "émile", -1},    // U+00E9 after every ASCII letter
       {"Ωμέγα", "ωμεγα", -1},  // έ is U+03AD, ε is U+03B5
