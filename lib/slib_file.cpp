@@ -43,10 +43,12 @@ bool KeyOfLine(const char* line, std::string* key) {
 }
 
 bool LineHasKey(const char* line, const char* key) {
-  // Most lines are told apart without cleaning a copy: the cleaned key is a
-  // part of the text before the first "=".
-  const size_t key_length = strlen(key);
-  if (key_length > 0 && memmem(line, strcspn(line, "="), key, key_length) == nullptr) return false;
+  // Most lines are told apart without cleaning a copy: the cleaned key
+  // begins with the line's first non-blank character, or after it when that
+  // is a quote.
+  const char* first = line;
+  while (*first == ' ' || *first == '\t' || *first == '\r' || *first == '\n') ++first;
+  if (key[0] != '\0' && *first != key[0] && *first != '"') return false;
   std::string line_key;
   return KeyOfLine(line, &line_key) && line_key == key;
 }
