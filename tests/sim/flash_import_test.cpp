@@ -21,28 +21,27 @@ int RunTool(std::vector<std::string> args, const std::string& log = "") {
   return sim_test::RunProgram(args, log);
 }
 
+// A state made from `board`'s layout in DIR/a, dumped whole into DIR/out.
+void CreateAndDump(const TempDir& dir, const std::string& board) {
+  ASSERT_EQ(RunTool({"create", dir.File("a"), FLASH_LAYOUT_DIR "/" + board + ".layout"}), 0);
+  ASSERT_EQ(RunTool({"dump", dir.File("a"), dir.File("out")}), 0);
+}
+
 TEST(FlashImport, DumpThenImportGivesBackTheSameState) {
-  const struct {
-    const char* board;
-    std::vector<std::string> import;  // after the state directory
-  } kBoards[] = {{"nor8", {"out/chip.img", "--base", "0xFF800000"}},
-                 {"junior6", {"out/chip.img", "--base", "0xFFE00000", "--erase-size", "65536"}},
-                 {"msys", {"out"}}};
-  for (const auto& board : kBoards) {
-    SCOPED_TRACE(board.board);
+  const std::vector<std::string> kImports[] = {
+      {"nor8", "import", "out/chip.img", "--base", "0xFF800000"},
+      {"junior6", "import", "out/chip.img", "--base", "0xFFE00000", "--erase-size", "65536"},
+      {"msys", "import-msys", "out"}};
+  for (std::vector<std::string> import : kImports) {
+    SCOPED_TRACE(import[0]);
     TempDir dir;
-    ASSERT_EQ(RunTool({"create", dir.File("a"),
-                       std::string(FLASH_LAYOUT_DIR) + "/" + board.board + ".layout"}),
-              0);
-    ASSERT_EQ(RunTool({"dump", dir.File("a"), dir.File("out")}), 0);
-    std::vector<std::string> import = {board.import.size() == 1 ? "import-msys" : "import",
-                                       dir.File("b"), dir.File(board.import[0])};
-    import.insert(import.end(), board.import.begin() + 1, board.import.end());
+    CreateAndDump(dir, import[0]);
+    import[0] = import[1];
+    import[1] = dir.File("b");
+    import[2] = dir.File(import[2]);
     ASSERT_EQ(RunTool(import, dir.File("log")), 0) << ReadFile(dir.File("log"));
-    for (const char* file : {"layout", "chip.img", "locks", "trace.log"}) {
-      EXPECT_TRUE(ReadFile(dir.File(std::string("a/") + file)) ==
-                  ReadFile(dir.File(std::string("b/") + file)))
-          << file;
+    for (const std::string file : {"layout", "chip.img", "locks", "trace.log"}) {
+      EXPECT_TRUE(ReadFile(dir.File("a/" + file)) == ReadFile(dir.File("b/" + file))) << file;
     }
     EXPECT_EQ(RunTool({"check", dir.File("b")}), 0);
   }
@@ -56,45 +55,37 @@ TEST(FlashImport, DamagedDumpIsRefusedWithItsProblemAndLeavesNothing) {
   constexpr size_t kDirectory = 0x7F0000;
   const struct {
     const char* file;
-    size_t offset;  // where `bytes` go; npos: cut the file to `cut` bytes
+    size_t at;  // where `bytes` go; with no bytes, the file is cut to `at` bytes
     std::string bytes;
-    size_t cut;
-    const char* base;
+    const char* base;  // null: import-msys
     const char* problem;
   } kDamage[] = {
-      {"chip.img", std::string::npos, "", 0x7FFFFF, "0xFF800000",
+      {"chip.img", 0x7FFFFF, "", "0xFF800000",
        "the dump's 8388607 bytes are not a whole number of erase blocks of 0x00010000"},
-      {"chip.img", 0, "", 0, "0xFF808000",
+      {"chip.img", 0x800000, "", "0xFF808000",
        "the base 0xFF808000 is not aligned to an erase block of 0x00010000"},
-      {"chip.img", kDirectory + 7 * 256 + 16, std::string(2, '\0'), 0, "0xFF800000",
+      {"chip.img", kDirectory + 7 * 256 + 16, std::string(2, '\0'), "0xFF800000",
        "no FIS directory: no erase block holds a \"FIS Directory\" record that gives the "
        "block's own address"},
-      {"chip.img", kDirectory + 5 * 256, std::string("config\0", 7), 0, "0xFF800000",
+      {"chip.img", kDirectory + 5 * 256, std::string("config\0", 7), "0xFF800000",
        "which matches neither board family"},
-      {"chip.img", kDirectory + 256 + 24 + 2, "\x01", 0, "0xFF800000",
+      {"chip.img", kDirectory + 256 + 24 + 2, "\x01", "0xFF800000",
        "FIS record \"zImage\" at 0xFF800000 size 0x00180100 is not aligned to erase blocks"},
-      {"chip.img", kDirectory + 256 + 24 + 1, "\x19", 0, "0xFF800000",
+      {"chip.img", kDirectory + 256 + 24 + 1, "\x19", "0xFF800000",
        "mtd1 \"zImage\" at 0xFF800000 size 0x00190000 overlaps mtd2 \"rd.gz\" at 0xFF980000 "
        "size 0x00280000"},
-      {"table", std::string::npos, "", 63, nullptr, "table holds 63 bytes, not 64"},
-      {"mtd3", std::string::npos, "", 0x10000, nullptr,
+      {"table", 63, "", nullptr, "table holds 63 bytes, not 64"},
+      {"mtd3", 0x10000, "", nullptr,
        "partition 3 (\"AllLib.tgz\"): its image holds 65536 bytes, the table says 0x00A00000"},
   };
   for (const auto& damage : kDamage) {
     SCOPED_TRACE(damage.problem);
     TempDir dir;
-    const char* board = damage.base != nullptr ? "nor8" : "msys";
-    ASSERT_EQ(
-        RunTool({"create", dir.File("a"), std::string(FLASH_LAYOUT_DIR) + "/" + board + ".layout"}),
-        0);
-    ASSERT_EQ(RunTool({"dump", dir.File("a"), dir.File("out")}), 0);
+    CreateAndDump(dir, damage.base != nullptr ? "nor8" : "msys");
     const std::string path = dir.File(std::string("out/") + damage.file);
     std::string content = ReadFile(path);
-    if (damage.offset == std::string::npos) {
-      content.resize(damage.cut);
-    } else {
-      content.replace(damage.offset, damage.bytes.size(), damage.bytes);
-    }
+    if (damage.bytes.empty()) content.resize(damage.at);
+    content.replace(damage.at, damage.bytes.size(), damage.bytes);
     WriteFile(path, content);
     const int status =
         damage.base != nullptr
