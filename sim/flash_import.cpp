@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "sim/flash_check.h"
+#include "sim/flash_chip.h"
 
 namespace flashsim {
 
@@ -137,7 +138,7 @@ bool CheckMSysPartition(int index, uint32_t size, uint32_t data_length, size_t i
     problems->push_back(what + ": its image holds " + std::to_string(image_size) +
                         " bytes, the table says " + Hex32(size));
   }
-  if (size % kMSysUnit != 0) {
+  if (size % kMSysUnitSize != 0) {
     problems->push_back(what + ": size " + Hex32(size) + " is not a whole number of units");
   }
   if (data_length > size) {
@@ -203,11 +204,11 @@ bool ImportMSysImages(const std::string& dir, ChipState* state,
   ChipState imported;
   ChipLayout& layout = imported.layout;
   layout.kind = ChipKind::kMSys;
-  layout.chip_size = kMSysUnits * kMSysUnit;
-  layout.erase_size = kMSysUnit;
+  layout.chip_size = kMSysUnits * kMSysUnitSize;
+  layout.erase_size = kMSysUnitSize;
   imported.image.assign(layout.chip_size, 0xFF);
   uint64_t next = 0;
-  for (int index = 0; index < kMSysPartitionCount; ++index) {
+  for (int index = 0; index < kMSysPartitions; ++index) {
     const uint32_t size = ReadBigEndian32(table.data() + 8 * index);
     const uint32_t data_length = ReadBigEndian32(table.data() + 8 * index + 4);
     std::vector<uint8_t> image;
@@ -229,7 +230,7 @@ bool ImportMSysImages(const std::string& dir, ChipState* state,
   }
   if (next > layout.chip_size) {
     problems->push_back("the partitions need " +
-                        std::to_string((next + kMSysUnit - 1) / kMSysUnit) +
+                        std::to_string((next + kMSysUnitSize - 1) / kMSysUnitSize) +
                         " units, the disk has " + std::to_string(kMSysUnits));
   }
   if (!problems->empty()) return false;
@@ -244,7 +245,7 @@ bool ImportMSysImages(const std::string& dir, ChipState* state,
 std::vector<uint8_t> MSysTable(const ChipLayout& layout) {
   std::vector<uint8_t> table(kMSysTableSize, 0);
   for (const PartitionLayout& partition : layout.partitions) {
-    if (partition.index < 0 || partition.index >= kMSysPartitionCount) continue;
+    if (partition.index < 0 || partition.index >= kMSysPartitions) continue;
     WriteBigEndian32(partition.size, table.data() + 8 * partition.index);
     WriteBigEndian32(partition.data_length, table.data() + 8 * partition.index + 4);
   }

@@ -21,13 +21,10 @@
 
 namespace flashsim {
 
-// The M-Systems flash disk: 967 units of 16384 bytes, eight partitions.
-constexpr uint32_t kMSysUnit = 16384;
-constexpr uint32_t kMSysUnits = 967;
-constexpr int kMSysPartitionCount = 8;
-// The driver's partition table as a file: 8 pairs of big-endian u32 {size,
-// data length} in partition order, as the board's get-table request answers.
-constexpr size_t kMSysTableSize = 8 * kMSysPartitionCount;
+// The driver's partition table of an M-Systems flash disk as a file: 8 pairs
+// of big-endian u32 {size, data length} in partition order, as the board's
+// get-table request answers.
+constexpr size_t kMSysTableSize = 64;
 
 // A NOR chip whose every byte is `dump` and whose first byte is at
 // `chip_base`. The layout comes from the FIS directory found in the dump:
