@@ -2,6 +2,7 @@
 // directories of the flash simulator without mounting them.
 #include <errno.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "sim/flash_check.h"
+#include "sim/flash_import.h"
 #include "sim/flash_state.h"
 
 namespace {
@@ -17,7 +20,10 @@ namespace {
 using flashsim::ChipKind;
 using flashsim::ChipLayout;
 using flashsim::ChipState;
+using flashsim::DeviceName;
 using flashsim::FisRecord;
+using flashsim::Hex32;
+using flashsim::PartitionBytes;
 using flashsim::PartitionLayout;
 
 enum ExitCode { kOk = 0, kFound = 1, kUsage = 2, kFailed = 3 };
@@ -37,13 +43,34 @@ const char kUsageText[] =
     "                                 ends at an erased record; prints one line per problem\n"
     "  dump STATE_DIR OUT_DIR [INDEX...]\n"
     "                                 write each partition (all when no INDEX is given) to\n"
-    "                                 OUT_DIR/mtdINDEX\n"
+    "                                 OUT_DIR/mtdINDEX; without INDEX also what import reads\n"
+    "                                 back: OUT_DIR/chip.img (nor: every byte of the chip) or\n"
+    "                                 OUT_DIR/table (msys: the driver's partition table)\n"
+    "  import STATE_DIR DUMP --base ADDR [--erase-size N]\n"
+    "                                 make a state directory from DUMP, every byte of a\n"
+    "                                 board's NOR flash (read through JTAG or from its MTD\n"
+    "                                 devices), its first byte at ADDR, in erase blocks of N\n"
+    "                                 bytes (default 0x10000); the layout comes from the FIS\n"
+    "                                 directory in the dump (the block holding a \"FIS\n"
+    "                                 Directory\" record with the block's own address), in the\n"
+    "                                 partition order of the board family whose names it\n"
+    "                                 lists (eight partitions or the junior six); all blocks\n"
+    "                                 unlocked\n"
+    "  import-msys STATE_DIR DIR      the same for an M-Systems flash disk, from the partition\n"
+    "                                 images DIR/mtd0 .. DIR/mtd7 (each its whole size) and\n"
+    "                                 DIR/table (the driver's table: 8 pairs of big-endian u32\n"
+    "                                 {size, data length})\n"
+    "                                 Both refuse input with problems (not whole erase blocks,\n"
+    "                                 an unaligned base, no directory or one that check finds\n"
+    "                                 inconsistent), list every problem and write nothing\n"
+    "  copy SOURCE_STATE STATE_DIR    a fresh state with SOURCE_STATE's layout, chip bytes\n"
+    "                                 and lock bits, an empty trace.log and no fault plan\n"
     "  diff STATE_A STATE_B           compare layouts, lock bits and chip bytes; differing\n"
     "                                 bytes are shown as erase-block ranges of the partitions\n"
     "                                 of STATE_A (and outside them)\n"
     "\n"
-    "Exit status: 0 done (check: ok, diff: same), 1 check found problems or diff found\n"
-    "differences, 2 usage, 3 failure.\n"
+    "Exit status: 0 done (check: ok, diff: same), 1 check found problems, diff found\n"
+    "differences or import refused its input, 2 usage, 3 failure.\n"
     "\n"
     "A state directory holds:\n"
     "  chip.img   every byte of the chip (chip-size bytes; offset 0 is chip-base)\n"
@@ -92,16 +119,6 @@ int Fail(const std::string& message) {
   return kFailed;
 }
 
-std::string Hex32(uint32_t value) {
-  char text[16];
-  snprintf(text, sizeof(text), "0x%08X", value);
-  return text;
-}
-
-std::string Device(const PartitionLayout& partition) {
-  return "mtd" + std::to_string(partition.index) + " \"" + partition.name + "\"";
-}
-
 bool ReadFile(const std::string& path, std::string* content, std::string* error) {
   FILE* file = fopen(path.c_str(), "rb");
   if (file == nullptr) {
@@ -141,13 +158,6 @@ bool MakeDirectories(const std::string& path, std::string* error) {
     }
     if (slash == std::string::npos) return true;
   }
-}
-
-// The chip bytes of a partition's current extent.
-std::vector<uint8_t> PartitionBytes(const ChipState& state, const PartitionLayout& partition) {
-  const size_t offset = partition.base - state.layout.chip_base;
-  return std::vector<uint8_t>(state.image.begin() + offset,
-                              state.image.begin() + offset + partition.size);
 }
 
 std::vector<uint8_t> LabelPattern(int index, size_t length) {
@@ -234,14 +244,36 @@ bool WriteFisDirectory(ChipState* state, std::string* error) {
   for (const PartitionLayout& partition : layout.partitions) {
     if (!partition.in_fis) continue;
     if (position + 2 * flashsim::kFisRecordSize > offset + directory->size) {
-      *error =
-          "the FIS directory does not fit in " + Device(*directory) + " with an erased end record";
+      *error = "the FIS directory does not fit in " + DeviceName(*directory) +
+               " with an erased end record";
       return false;
     }
     flashsim::EncodeFisRecord(RecordOf(partition), state->image.data() + position);
     position += flashsim::kFisRecordSize;
   }
   return true;
+}
+
+bool LoadOrReport(const std::string& dir, ChipState* state) {
+  std::string error;
+  if (flashsim::LoadState(dir, state, &error)) return true;
+  Fail(error);
+  return false;
+}
+
+// Writes the state's layout, chip.img and locks into its directory (made
+// when missing), with an empty trace.log and no fault plan.
+int SaveNewState(const ChipState& state) {
+  const std::string& dir = state.dir;
+  std::string error;
+  if (!MakeDirectories(dir, &error) || !flashsim::SaveState(state, &error) ||
+      !WriteFile(dir + "/trace.log", nullptr, 0, &error)) {
+    return Fail(error);
+  }
+  if (unlink((dir + "/faults").c_str()) != 0 && errno != ENOENT) {
+    return Fail(dir + "/faults: " + strerror(errno));
+  }
+  return kOk;
 }
 
 int Create(const std::string& dir, const std::string& layout_file) {
@@ -282,39 +314,74 @@ int Create(const std::string& dir, const std::string& layout_file) {
   if (directory != nullptr && !WriteFisDirectory(&state, &error)) {
     return Fail(layout_file + ": " + error);
   }
-  if (!MakeDirectories(dir, &error) || !flashsim::SaveState(state, &error) ||
-      !WriteFile(dir + "/trace.log", nullptr, 0, &error)) {
-    return Fail(error);
-  }
-  if (unlink((dir + "/faults").c_str()) != 0 && errno != ENOENT) {
-    return Fail(dir + "/faults: " + strerror(errno));
-  }
-  return kOk;
+  return SaveNewState(state);
 }
 
-bool LoadOrReport(const std::string& dir, ChipState* state) {
+// Import refuses a dump with every problem it found, and writes nothing.
+int Refuse(const std::string& what, const std::vector<std::string>& problems) {
+  fprintf(stderr, "filebay-flash: %s refused:\n", what.c_str());
+  for (const std::string& problem : problems) fprintf(stderr, "  %s\n", problem.c_str());
+  return kFound;
+}
+
+bool ParseNumberOption(const std::string& text, uint32_t* value) {
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long long number = strtoull(text.c_str(), &end, 0);
+  if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0 || number > UINT32_MAX) {
+    return false;
+  }
+  *value = static_cast<uint32_t>(number);
+  return true;
+}
+
+// import STATE_DIR DUMP --base ADDR [--erase-size N]
+int Import(const std::vector<std::string>& args) {
+  uint32_t base = 0;
+  uint32_t erase_size = 0x10000;
+  bool has_base = false;
+  for (size_t i = 3; i < args.size(); i += 2) {
+    const bool known = args[i] == "--base" || args[i] == "--erase-size";
+    uint32_t* target = args[i] == "--base" ? &base : &erase_size;
+    if (!known || i + 1 >= args.size() || !ParseNumberOption(args[i + 1], target)) return Usage();
+    has_base = has_base || args[i] == "--base";
+  }
+  if (!has_base) return Usage();
+  std::vector<uint8_t> dump;
   std::string error;
-  if (flashsim::LoadState(dir, state, &error)) return true;
-  Fail(error);
-  return false;
+  if (!flashsim::ReadWholeFile(args[2], &dump, &error)) return Fail(error);
+  ChipState state;
+  state.dir = args[1];
+  std::vector<std::string> problems;
+  if (!flashsim::ImportNorDump(dump, base, erase_size, &state, &problems)) {
+    return Refuse("the dump " + args[2], problems);
+  }
+  return SaveNewState(state);
 }
 
-// The FIS directory partition of a nor chip, or null with a message.
-const PartitionLayout* DirectoryPartition(const ChipState& state, std::string* error) {
-  if (state.layout.kind != ChipKind::kNor) {
-    *error = state.dir + ": an msys chip has no FIS directory";
-    return nullptr;
+int ImportMSys(const std::string& dir, const std::string& images_dir) {
+  ChipState state;
+  state.dir = dir;
+  std::vector<std::string> problems;
+  if (!flashsim::ImportMSysImages(images_dir, &state, &problems)) {
+    return Refuse("the flash disk images in " + images_dir, problems);
   }
-  const PartitionLayout* directory = state.layout.Find(state.layout.fis_device);
-  if (directory == nullptr) *error = state.dir + ": the layout names no FIS directory partition";
-  return directory;
+  return SaveNewState(state);
+}
+
+// A fresh state with another state's layout, chip bytes and lock bits.
+int Copy(const std::string& source, const std::string& dir) {
+  ChipState state;
+  if (!LoadOrReport(source, &state)) return kFailed;
+  state.dir = dir;
+  return SaveNewState(state);
 }
 
 int ListFis(const std::string& dir) {
   ChipState state;
   if (!LoadOrReport(dir, &state)) return kFailed;
   std::string error;
-  const PartitionLayout* directory = DirectoryPartition(state, &error);
+  const PartitionLayout* directory = flashsim::FisDirectoryPartition(state, &error);
   if (directory == nullptr) return Fail(error);
   bool terminated = false;
   const std::vector<FisRecord> records =
@@ -326,85 +393,9 @@ int ListFis(const std::string& dir) {
   }
   if (!terminated) {
     fprintf(stderr, "filebay-flash: the directory in %s has no erased end record\n",
-            Device(*directory).c_str());
+            DeviceName(*directory).c_str());
   }
   return kOk;
-}
-
-const PartitionLayout* FindByName(const ChipLayout& layout, const std::string& name) {
-  for (const PartitionLayout& partition : layout.partitions) {
-    if (partition.name == name) return &partition;
-  }
-  return nullptr;
-}
-
-std::string Extent(uint32_t base, uint32_t size) { return Hex32(base) + " size " + Hex32(size); }
-
-void CheckFisDirectory(const ChipState& state, std::vector<std::string>* problems) {
-  std::string error;
-  const PartitionLayout* directory = DirectoryPartition(state, &error);
-  if (directory == nullptr) {
-    problems->push_back(error);
-    return;
-  }
-  bool terminated = false;
-  const std::vector<FisRecord> records =
-      flashsim::DecodeFisDirectory(PartitionBytes(state, *directory), &terminated);
-  if (!terminated) {
-    problems->push_back("the FIS directory in " + Device(*directory) + " has no erased end record");
-  }
-  for (size_t i = 0; i < records.size(); ++i) {
-    const FisRecord& record = records[i];
-    const std::string what = "FIS record " + std::to_string(i) + " \"" + record.name + "\"";
-    for (size_t j = 0; j < i; ++j) {
-      if (records[j].name == record.name) {
-        problems->push_back(what + " repeats the name of record " + std::to_string(j));
-      }
-    }
-    const PartitionLayout* partition = FindByName(state.layout, record.name);
-    if (partition == nullptr) {
-      problems->push_back(what + " names no partition");
-    } else if (record.flash_base != partition->base || record.size != partition->size) {
-      problems->push_back(what + " says " + Extent(record.flash_base, record.size) + " but " +
-                          Device(*partition) + " lies at " +
-                          Extent(partition->base, partition->size));
-    }
-  }
-  for (const PartitionLayout& partition : state.layout.partitions) {
-    if (!partition.in_fis) continue;
-    bool listed = false;
-    for (const FisRecord& record : records) listed = listed || record.name == partition.name;
-    if (!listed) problems->push_back(Device(partition) + " has no FIS record");
-  }
-}
-
-void CheckOverlaps(const ChipLayout& layout, std::vector<std::string>* problems) {
-  const std::vector<PartitionLayout>& partitions = layout.partitions;
-  for (size_t i = 0; i < partitions.size(); ++i) {
-    for (size_t j = i + 1; j < partitions.size(); ++j) {
-      const PartitionLayout& a = partitions[i];
-      const PartitionLayout& b = partitions[j];
-      const uint64_t a_end = uint64_t{a.base} + a.size;
-      const uint64_t b_end = uint64_t{b.base} + b.size;
-      if (a.size != 0 && b.size != 0 && a.base < b_end && b.base < a_end) {
-        problems->push_back(Device(a) + " at " + Extent(a.base, a.size) + " overlaps " + Device(b) +
-                            " at " + Extent(b.base, b.size));
-      }
-    }
-  }
-}
-
-// M-Systems partitions are addressed by position and lie one after another.
-void CheckMSysOrder(const ChipLayout& layout, std::vector<std::string>* problems) {
-  uint64_t expected = layout.chip_base;
-  for (const PartitionLayout& partition : layout.partitions) {
-    if (partition.base != expected) {
-      problems->push_back(Device(partition) + " begins at " + Hex32(partition.base) +
-                          ", not where the partition before it ends (" +
-                          Hex32(static_cast<uint32_t>(expected)) + ")");
-    }
-    expected = uint64_t{partition.base} + partition.size;
-  }
 }
 
 int Check(const std::string& dir) {
@@ -416,13 +407,7 @@ int Check(const std::string& dir) {
     printf("%s\n", error.c_str());
     return kFound;
   }
-  std::vector<std::string> problems;
-  if (state.layout.kind == ChipKind::kNor) {
-    CheckFisDirectory(state, &problems);
-  } else {
-    CheckMSysOrder(state.layout, &problems);
-  }
-  CheckOverlaps(state.layout, &problems);
+  const std::vector<std::string> problems = flashsim::ConsistencyProblems(state);
   for (const std::string& problem : problems) printf("%s\n", problem.c_str());
   if (!problems.empty()) return kFound;
   printf("ok\n");
@@ -459,6 +444,14 @@ int Dump(const std::string& dir, const std::string& out_dir, const std::vector<s
     const std::vector<uint8_t> bytes = PartitionBytes(state, *partition);
     const std::string path = out_dir + "/mtd" + std::to_string(partition->index);
     if (!WriteFile(path, bytes.data(), bytes.size(), &error)) return Fail(error);
+  }
+  if (!args.empty()) return kOk;
+  // What import and import-msys read back: the whole chip as a JTAG read
+  // gives it, or the flash disk driver's table.
+  const bool nor = state.layout.kind == ChipKind::kNor;
+  const std::vector<uint8_t> whole = nor ? state.image : flashsim::MSysTable(state.layout);
+  if (!WriteFile(out_dir + (nor ? "/chip.img" : "/table"), whole.data(), whole.size(), &error)) {
+    return Fail(error);
   }
   return kOk;
 }
@@ -548,7 +541,7 @@ void DiffBytes(const ChipState& a, const ChipState& b, std::vector<std::string>*
     ForEachRun(differs, first, last, [&](size_t begin, size_t count) {
       const uint32_t offset = static_cast<uint32_t>((begin - first) * erase);
       const uint32_t length = static_cast<uint32_t>(count * erase);
-      out->push_back("data: " + Device(partition) + " offset " + Hex32(offset) + " length " +
+      out->push_back("data: " + DeviceName(partition) + " offset " + Hex32(offset) + " length " +
                      Hex32(length) + " (flash " + Hex32(partition.base + offset) + "-" +
                      Hex32(partition.base + offset + length - 1) + ")");
     });
@@ -598,5 +591,8 @@ int main(int argc, char** argv) {
     return Dump(args[1], args[2], std::vector<std::string>(args.begin() + 3, args.end()));
   }
   if (command == "diff" && args.size() == 3) return Diff(args[1], args[2]);
+  if (command == "import" && args.size() >= 3) return Import(args);
+  if (command == "import-msys" && args.size() == 3) return ImportMSys(args[1], args[2]);
+  if (command == "copy" && args.size() == 3) return Copy(args[1], args[2]);
   return Usage();
 }

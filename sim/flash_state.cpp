@@ -18,12 +18,6 @@ namespace {
 constexpr char kFisDirectoryName[] = "FIS Directory";
 constexpr size_t kMaxNameLength = kFisNameSize - 1;
 
-std::string Hex32(uint32_t value) {
-  char text[16];
-  snprintf(text, sizeof(text), "0x%08X", value);
-  return text;
-}
-
 std::string LinePrefix(int line) { return "line " + std::to_string(line) + ": "; }
 
 // Splits one statement into words: blanks separate words, double quotes group
@@ -292,26 +286,6 @@ bool CheckPartitions(ChipLayout* layout, const ParseContext& context, std::strin
   return true;
 }
 
-bool ReadWholeFile(const std::string& path, std::vector<uint8_t>* data, std::string* error) {
-  UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (fd.get() < 0) {
-    *error = path + ": " + strerror(errno);
-    return false;
-  }
-  data->clear();
-  uint8_t buffer[65536];
-  for (;;) {
-    const ssize_t got = read(fd.get(), buffer, sizeof(buffer));
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) {
-      *error = path + ": " + strerror(errno);
-      return false;
-    }
-    if (got == 0) return true;
-    data->insert(data->end(), buffer, buffer + got);
-  }
-}
-
 // Writes a sibling temporary file and renames it over `path`, so a reader
 // sees either the old or the new content.
 bool ReplaceFile(const std::string& path, const void* data, size_t length, std::string* error) {
@@ -368,6 +342,32 @@ std::string QuoteName(const std::string& name) {
 }
 
 }  // namespace
+
+std::string Hex32(uint32_t value) {
+  char text[16];
+  snprintf(text, sizeof(text), "0x%08X", value);
+  return text;
+}
+
+bool ReadWholeFile(const std::string& path, std::vector<uint8_t>* data, std::string* error) {
+  UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (fd.get() < 0) {
+    *error = path + ": " + strerror(errno);
+    return false;
+  }
+  data->clear();
+  uint8_t buffer[65536];
+  for (;;) {
+    const ssize_t got = read(fd.get(), buffer, sizeof(buffer));
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) {
+      *error = path + ": " + strerror(errno);
+      return false;
+    }
+    if (got == 0) return true;
+    data->insert(data->end(), buffer, buffer + got);
+  }
+}
 
 const PartitionLayout* ChipLayout::Find(int index) const {
   for (const PartitionLayout& partition : partitions) {

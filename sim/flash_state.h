@@ -121,6 +121,12 @@ std::vector<FisRecord> DecodeFisDirectory(const std::vector<uint8_t>& directory,
 uint32_t ReadBigEndian32(const uint8_t* bytes);
 void WriteBigEndian32(uint32_t value, uint8_t* bytes);
 
+// "0x%08X".
+std::string Hex32(uint32_t value);
+
+// Every byte of a file; false with "PATH: reason" on error.
+bool ReadWholeFile(const std::string& path, std::vector<uint8_t>* data, std::string* error);
+
 // A loaded state directory.
 struct ChipState {
   std::string dir;

@@ -56,6 +56,20 @@ const char kUsage[] =
     "                   \"fault write mtd2 every errno=EIO\": a partition that takes\n"
     "                   no write at all, so that its roll-back fails too\n"
     "  --build N        the package's build number (default 501; the system has 500)\n"
+    "  --package DIR    rehearse a real package instead of the sample: DIR holds the\n"
+    "                   unpacked package (\"VERSION\", the images, \"hda1.tgz\"); it is\n"
+    "                   copied into /volume1/upd@te (its own updater program, if any,\n"
+    "                   replaced by the one to run), never changed. A package the\n"
+    "                   updater refuses is rehearsed like any other: its result code\n"
+    "                   is the answer. A directory without VERSION is refused.\n"
+    "  --flash STATE    the board's flash starts from STATE, a state directory made\n"
+    "                   by `filebay-flash import` from a board's flash dump (or\n"
+    "                   `import-msys`, `create`); copied, never changed. The board's\n"
+    "                   family (nor8, junior6 or msys) follows from it; no --board\n"
+    "  --system-version FILE    the board's /etc.defaults/VERSION\n"
+    "  --settings FILE          the board's /etc/veltinfo.conf\n"
+    "  --factory-settings FILE  the board's /etc.defaults/veltinfo.conf\n"
+    "                   (each copied over the sandbox's default, never changed)\n"
     "  --dir DIR        where to build the sandbox (default: a new directory under\n"
     "                   $TMPDIR or /tmp)\n"
     "  --updater PATH   the updater program to run (default: the simulator build)\n"
@@ -71,6 +85,7 @@ struct Options {
   std::string build = "501";
   std::string dir;
   std::string updater = UPDATER_SIM_PROGRAM;
+  sandbox::GivenFiles given;
 };
 
 int Usage(const std::string& error) {
@@ -79,6 +94,7 @@ int Usage(const std::string& error) {
 }
 
 bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
+  bool board_given = false;
   for (int i = 1; i < argc; ++i) {
     const std::string option = argv[i];
     if (option == "--no-rebalance") {
@@ -96,6 +112,7 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
     const std::string value = argv[++i];
     if (option == "--board") {
       options->board = value;
+      board_given = true;
     } else if (option == "--fault") {
       options->faults.push_back(value);
     } else if (option == "--build") {
@@ -104,6 +121,16 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
       options->dir = value;
     } else if (option == "--updater") {
       options->updater = value;
+    } else if (option == "--package") {
+      options->given.package_dir = value;
+    } else if (option == "--flash") {
+      options->given.flash_state = value;
+    } else if (option == "--system-version") {
+      options->given.system_version = value;
+    } else if (option == "--settings") {
+      options->given.settings = value;
+    } else if (option == "--factory-settings") {
+      options->given.factory_settings = value;
     } else {
       *error = "unknown option " + option;
       return false;
@@ -113,8 +140,21 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
     *error = "board must be nor8, junior6 or msys";
     return false;
   }
-  // The junior board's sample package always fits its partitions.
-  if (options->board == "junior6") options->rebalance = false;
+  if (!sandbox::CheckGivenFiles(options->given, error)) return false;
+  if (!options->given.flash_state.empty()) {
+    if (board_given) {
+      *error = "--board and --flash exclude each other";
+      return false;
+    }
+    if (!sandbox::BoardOfFlashState(options->given.flash_state, &options->board, error)) {
+      return false;
+    }
+  }
+  // The junior board's sample package always fits its partitions; a given
+  // package is what it is.
+  if (options->board == "junior6" || !options->given.package_dir.empty()) {
+    options->rebalance = false;
+  }
   return true;
 }
 
@@ -134,14 +174,19 @@ const char kSampleCrontab[] =
 bool BuildScenario(const Options& options, sandbox::Scenario* scenario, std::string* error) {
   if (!sandbox::ApplyBoard(options.board, SANDBOX_LAYOUT_DIR, scenario, error)) return false;
   scenario->faults = options.faults;
-  flashsim::ChipLayout layout;
-  if (!sandbox::LoadLayoutFile(scenario->layout_file, &layout, error)) return false;
-  sandbox::PackageOptions package;
-  package.build = options.build;
-  package.rebalance = options.rebalance;
-  const std::string unique =
-      options.board == "junior6" ? "veltara_powerpc_junior" : "veltara_powerpc_1hd";
-  scenario->files = sandbox::SamplePackageFiles(layout, package, unique);
+  if (!sandbox::ApplyGivenFiles(options.given, scenario, error)) return false;
+  if (options.given.package_dir.empty()) {
+    flashsim::ChipLayout layout;
+    if (!sandbox::LoadLayoutFile(scenario->layout_file, &layout, error)) return false;
+    sandbox::PackageOptions package;
+    package.build = options.build;
+    package.rebalance = options.rebalance;
+    const std::string unique =
+        options.board == "junior6" ? "veltara_powerpc_junior" : "veltara_powerpc_1hd";
+    const std::vector<sandbox::RootFile> sample =
+        sandbox::SamplePackageFiles(layout, package, unique);
+    scenario->files.insert(scenario->files.end(), sample.begin(), sample.end());
+  }
   scenario->files.push_back(
       {std::string(sandbox::kPackageDir) + "/updater", "", options.updater, 0755});
   scenario->files.push_back({"/etc/crontab", kSampleCrontab, "", 0644});
@@ -327,6 +372,19 @@ const char* PlanNote(const Options& options) {
                                  : " (the plan must rebalance)";
 }
 
+// Which package and which flash were rehearsed.
+std::string PackageLine(const Options& options, const sandbox::Scenario& scenario) {
+  for (const sandbox::RootFile& file : scenario.files) {
+    if (file.path == sandbox::kPackageDir) return file.source;
+  }
+  return "the sample package, build " + options.build;
+}
+
+std::string FlashLine(const sandbox::Scenario& scenario) {
+  if (!scenario.flash_state.empty()) return scenario.flash_state;
+  return "made from " + scenario.layout_file;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -360,6 +418,8 @@ int main(int argc, char** argv) {
   const Partitioning before = ReadPartitioning(box->FlashStateDir());
   printf("rehearsing on board %s%s%s in %s\n", options.board.c_str(), PlanNote(options),
          options.group ? ", group update" : "", box->dir().c_str());
+  printf("package: %s\n", PackageLine(options, scenario).c_str());
+  printf("flash: %s\n", FlashLine(scenario).c_str());
   fflush(stdout);
   std::vector<std::string> argv_run = {std::string(sandbox::kPackageDir) + "/updater"};
   if (options.group) argv_run.push_back("-g");

@@ -493,10 +493,13 @@ bool CreateFlash(const std::string& dir, const Scenario& scenario, const Tools& 
   }
   const std::string state = dir + "/flash";
   std::string output;
-  const int status =
-      RunHostProgram({tools.flash_tool, "create", state, scenario.layout_file}, &output);
+  const std::vector<std::string> command =
+      scenario.flash_state.empty()
+          ? std::vector<std::string>{tools.flash_tool, "create", state, scenario.layout_file}
+          : std::vector<std::string>{tools.flash_tool, "copy", scenario.flash_state, state};
+  const int status = RunHostProgram(command, &output);
   if (status != 0) {
-    *error = "filebay-flash create failed (" + std::to_string(status) + "): " + output;
+    *error = "filebay-flash " + command[1] + " failed (" + std::to_string(status) + "): " + output;
     return false;
   }
   if (scenario.faults.empty()) return true;

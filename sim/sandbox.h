@@ -94,6 +94,10 @@ struct Scenario {
   // sim/flash_state.h); empty for a board without flash (no /dev/flash, no
   // /dev/mtdN, no DIR/flash).
   std::string layout_file;
+  // A state directory whose layout, chip bytes and lock bits the board's flash
+  // starts from (copied with `filebay-flash copy`, never changed) instead of
+  // a chip made from `layout_file`, which must then be this state's layout.
+  std::string flash_state;
   // Lines for DIR/flash/faults, the fault plan the simulator loads at mount
   // ("fault write mtd1 nth=1 errno=EIO", "set flash-type 1", ...).
   std::vector<std::string> faults;

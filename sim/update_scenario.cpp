@@ -1,7 +1,10 @@
 #include "sim/update_scenario.h"
 
 #include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -24,6 +27,32 @@ std::string VersionFile(const PackageOptions& package, const std::string& unique
          "\"\nbuildphase=\"" + package.phase + "\"\nbuildnumber=\"" + package.build +
          "\"\nunique=\"" + (package.unique.empty() ? unique : package.unique) + "\"\n";
 }
+
+bool IsDirectory(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool IsReadableFile(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(path.c_str(), R_OK) == 0;
+}
+
+std::string Absolute(const std::string& path) {
+  std::error_code ignored;
+  return std::filesystem::absolute(path, ignored).lexically_normal().string();
+}
+
+// The board's system files that may be given, and where they go in the root.
+struct SystemFile {
+  const char* option;
+  std::string GivenFiles::*path;
+  const char* root_path;
+};
+const SystemFile kSystemFiles[] = {
+    {"--system-version", &GivenFiles::system_version, "/etc.defaults/VERSION"},
+    {"--settings", &GivenFiles::settings, "/etc/veltinfo.conf"},
+    {"--factory-settings", &GivenFiles::factory_settings, "/etc.defaults/veltinfo.conf"}};
 
 }  // namespace
 
@@ -97,6 +126,62 @@ bool LoadLayoutFile(const std::string& path, flashsim::ChipLayout* layout, std::
   std::ostringstream text;
   text << in.rdbuf();
   return flashsim::ParseLayout(text.str(), layout, error);
+}
+
+bool CheckGivenFiles(const GivenFiles& given, std::string* error) {
+  const std::string& package = given.package_dir;
+  if (!package.empty() && !IsDirectory(package)) {
+    *error = "--package " + package + ": not a directory";
+    return false;
+  }
+  if (!package.empty() && !IsReadableFile(package + "/VERSION")) {
+    *error = "--package " + package + ": not an update package (it has no VERSION)";
+    return false;
+  }
+  std::string board;
+  if (!given.flash_state.empty() && !BoardOfFlashState(given.flash_state, &board, error)) {
+    *error = "--flash " + given.flash_state + ": " + *error;
+    return false;
+  }
+  for (const SystemFile& file : kSystemFiles) {
+    const std::string& path = given.*file.path;
+    if (!path.empty() && !IsReadableFile(path)) {
+      *error = std::string(file.option) + " " + path + ": not a readable file";
+      return false;
+    }
+  }
+  return true;
+}
+
+bool BoardOfFlashState(const std::string& dir, std::string* board, std::string* error) {
+  flashsim::ChipState state;
+  if (!flashsim::LoadState(dir, &state, error)) return false;
+  bool has_archive = false;
+  for (const flashsim::PartitionLayout& partition : state.layout.partitions) {
+    has_archive = has_archive || partition.name == "AllLib.tgz";
+  }
+  if (state.layout.kind == flashsim::ChipKind::kMSys) {
+    *board = "msys";
+  } else {
+    *board = has_archive ? "nor8" : "junior6";
+  }
+  return true;
+}
+
+bool ApplyGivenFiles(const GivenFiles& given, Scenario* scenario, std::string* error) {
+  if (!CheckGivenFiles(given, error)) return false;
+  if (!given.flash_state.empty()) {
+    scenario->flash_state = Absolute(given.flash_state);
+    scenario->layout_file = scenario->flash_state + "/layout";
+  }
+  if (!given.package_dir.empty()) {
+    scenario->files.push_back({kPackageDir, "", Absolute(given.package_dir), 0755});
+  }
+  for (const SystemFile& file : kSystemFiles) {
+    const std::string& path = given.*file.path;
+    if (!path.empty()) scenario->files.push_back({file.root_path, "", Absolute(path), 0644});
+  }
+  return true;
 }
 
 }  // namespace sandbox

@@ -65,6 +65,37 @@ std::vector<RootFile> SamplePackageFiles(const flashsim::ChipLayout& layout,
 // The layout file of a scenario, parsed; false with a message.
 bool LoadLayoutFile(const std::string& path, flashsim::ChipLayout* layout, std::string* error);
 
+// What a rehearsal takes from the engineer's desk instead of the samples and
+// defaults; an empty path keeps the default. Every path is copied into the
+// sandbox, never changed.
+struct GivenFiles {
+  // An unpacked update package ("VERSION", the images, "hda1.tgz"), copied
+  // into kPackageDir instead of the sample package.
+  std::string package_dir;
+  // A state directory (`filebay-flash import`, `import-msys` or `create`)
+  // the board's flash starts from, instead of the board's layout.
+  std::string flash_state;
+  std::string system_version;    // the board's /etc.defaults/VERSION
+  std::string settings;          // the board's /etc/veltinfo.conf
+  std::string factory_settings;  // the board's /etc.defaults/veltinfo.conf
+};
+
+// False with a message naming the path when a given path is not what it
+// should be: a package directory without "VERSION" (not a package at all), a
+// flash state that does not load, a system file that is not a readable file.
+bool CheckGivenFiles(const GivenFiles& given, std::string* error);
+
+// The board ("nor8", "junior6" or "msys") whose family a flash state's chip
+// belongs to, for the defaults that go with the board; false with a message
+// when `dir` is not a state directory.
+bool BoardOfFlashState(const std::string& dir, std::string* board, std::string* error);
+
+// Checks the given files (CheckGivenFiles) and puts them into the scenario:
+// the flash state (with its layout as the scenario's layout file), the
+// package, and the system files over the sandbox's default ones. A caller
+// that adds a sample package does so only when no package is given.
+bool ApplyGivenFiles(const GivenFiles& given, Scenario* scenario, std::string* error);
+
 }  // namespace sandbox
 
 #endif  // SIM_UPDATE_SCENARIO_H_

@@ -447,6 +447,47 @@ TEST_F(RehearseTest, Junior6RehearsalUpdatesInPlace) {
   EXPECT_EQ(after[2].data_length, PackageFileSize("rd.bin"));
 }
 
+// A junior board dumped whole and imported, and a package of build 502 in a
+// directory of its own: the images land where the directory says, and
+// neither the given board nor the package changes.
+TEST_F(RehearseTest, PackageByPathOnImportedBoard) {
+  const std::string board = work_ + "/board";
+  const std::string package_dir = work_ + "/package";
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"create", work_ + "/made", SANDBOX_LAYOUT_DIR "/junior6.layout"},
+        {"dump", work_ + "/made", work_ + "/dump"},
+        {"import", board, work_ + "/dump/chip.img", "--base", "0xFFE00000"}}) {
+    std::vector<std::string> argv = {FLASH_TOOL};
+    argv.insert(argv.end(), args.begin(), args.end());
+    ASSERT_EQ(RunProgram(argv, work_).status, 0) << args[0];
+  }
+  const flashsim::ChipState given = LoadChip(board);
+  sandbox::PackageOptions package;
+  package.build = "502";
+  ASSERT_EQ(mkdir(package_dir.c_str(), 0755), 0);
+  for (const sandbox::RootFile& file :
+       sandbox::SamplePackageFiles(given.layout, package, "veltara_powerpc_junior")) {
+    testing_support::WriteFile(package_dir + file.path.substr(strlen(kPackageDir)), file.content);
+  }
+  const Outcome outcome = Rehearse({"--package", package_dir, "--flash", board});
+  ASSERT_EQ(outcome.status, 0) << outcome.out << outcome.err;
+  EXPECT_TRUE(HasLine(outcome.out, kResultSuccess)) << outcome.out;
+  EXPECT_TRUE(HasLine(outcome.out, "package: " + package_dir)) << outcome.out;
+  EXPECT_TRUE(HasLine(outcome.out, "flash: " + board)) << outcome.out;
+  const flashsim::ChipState chip = LoadChip(ChipDir());
+  const std::vector<Extent> after = ChipFisDirectory(chip);
+  ASSERT_EQ(after.size(), 6u);
+  for (const auto& [index, file] : {std::pair<int, const char*>{1, "zImage"}, {2, "rd.bin"}}) {
+    EXPECT_TRUE(SameBytes(ChipBytes(chip, after[index].start, after[index].data_length),
+                          testing_support::ReadFile(package_dir + "/" + file)));
+  }
+  // The boot loader is the given board's, untouched.
+  EXPECT_TRUE(
+      SameBytes(ChipBytes(chip, 0xFFF00000, 0x40000), ChipBytes(given, 0xFFF00000, 0x40000)));
+  EXPECT_TRUE(LoadChip(board).image == given.image);
+  EXPECT_TRUE(testing_support::FileExists(package_dir + "/hda1.tgz"));
+}
+
 TEST_F(RehearseTest, GroupRehearsalSucceeds) {
   const Outcome outcome = Rehearse({"--group"});
   ASSERT_EQ(outcome.status, 0) << outcome.out << outcome.err;
@@ -601,7 +642,7 @@ TEST_F(RehearseTest, FailedWriteOnMsysRestoresTheOldTableAndContents) {
 TEST(Rehearse, BadUsageExitsWith2AndPrintsTheUsage) {
   testing_support::TempDir work;
   const std::vector<std::vector<std::string>> kBadLines = {
-      {"--bogus"}, {"--board", "nand"}, {"--board"}, {"--dir"}};
+      {"--bogus"}, {"--board", "nand"}, {"--board"}, {"--dir"}, {"--package", work.path()}};
   for (const std::vector<std::string>& args : kBadLines) {
     SCOPED_TRACE(args.front() + (args.size() > 1 ? " " + args[1] : ""));
     std::vector<std::string> argv = {REHEARSE_PROGRAM};
