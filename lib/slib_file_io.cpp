@@ -1,6 +1,7 @@
 #include "lib/slib_file_io.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -127,8 +128,24 @@ bool TmpFile::Open(const char* path) {
     SLIBCErrSet(SLIB_ERR_OPEN);
     return false;
   }
-  file_ = fopen(name, "w");
+  // The copy gets the original's mode and owner before anything is written
+  // to it, so a secret file is never readable by others, not even until the
+  // rename.
+  struct stat original;
+  const bool has_original = stat(path, &original) == 0;
+  const int fd = open(name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, has_original ? 0600 : 0666);
+  bool ready = fd >= 0;
+  if (ready && has_original) {
+    const int ignored = fchown(fd, original.st_uid, original.st_gid);  // root only; best effort
+    (void)ignored;
+    ready = fchmod(fd, original.st_mode & 07777) == 0;
+  }
+  file_ = ready ? fdopen(fd, "w") : nullptr;
   if (file_ == nullptr) {
+    if (fd >= 0) {
+      close(fd);
+      remove(name);
+    }
     SLIBCErrSet(SLIB_ERR_OPEN);
     return false;
   }

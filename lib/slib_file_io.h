@@ -132,8 +132,9 @@ class TmpFile {
   TmpFile(const TmpFile&) = delete;
   TmpFile& operator=(const TmpFile&) = delete;
 
-  // Opens "<path>.tmp" (named in an 8192-byte buffer) for writing; false with
-  // 0x900.
+  // Opens "<path>.tmp" (named in an 8192-byte buffer) for writing, with the
+  // mode and owner of <path> when it exists (so they survive the rename);
+  // false with 0x900.
   bool Open(const char* path);
   FILE* file() const { return file_; }
 

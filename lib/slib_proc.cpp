@@ -95,18 +95,27 @@ int SLIBProcCountByName(const char* name) {
     SLIBCErrSet(SLIB_ERR_BAD_ARGUMENT);
     return -1;
   }
+  // A unique name, created here exclusively: a link planted in /tmp cannot
+  // redirect the listing. It is read back through the descriptor made here.
   char temp_path[64];
-  snprintf(temp_path, sizeof(temp_path), "/tmp/tempSLIBPs%u", static_cast<unsigned>(getpid()));
-  const std::string command =
-      std::string("/bin/ps -awx | /bin/grep '") + name + "' > " + temp_path + " 2>&1";
-  RemoveOnExit remove_temp(temp_path);
-  // grep's status only says whether anything matched; the file tells the rest.
-  if (system(command.c_str()) == -1) {
+  snprintf(temp_path, sizeof(temp_path), "/tmp/tempSLIBPs%u.XXXXXX",
+           static_cast<unsigned>(getpid()));
+  const int fd = mkstemp(temp_path);
+  if (fd < 0) {
     SLIBCErrSet(SLIB_ERR_READ);
     return -1;
   }
-  UniqueFile file(fopen(temp_path, "r"));
+  RemoveOnExit remove_temp(temp_path);
+  UniqueFile file(fdopen(fd, "r"));
   if (!file) {
+    close(fd);
+    SLIBCErrSet(SLIB_ERR_READ);
+    return -1;
+  }
+  const std::string command =
+      std::string("/bin/ps -awx | /bin/grep '") + name + "' > " + temp_path + " 2>&1";
+  // grep's status only says whether anything matched; the file tells the rest.
+  if (system(command.c_str()) == -1) {
     SLIBCErrSet(SLIB_ERR_READ);
     return -1;
   }

@@ -17,7 +17,8 @@ int SLIBProcIsAlive(const char* pidfile);
 int SLIBFileIsRegular(const char* path);
 
 // Counts the processes whose "/bin/ps -awx" line contains `name`: runs
-// "/bin/ps -awx | /bin/grep '%s' > %s 2>&1" into "/tmp/tempSLIBPs<pid>",
+// "/bin/ps -awx | /bin/grep '%s' > %s 2>&1" into "/tmp/tempSLIBPs<pid>.XXXXXX"
+// (a unique name, created exclusively with mkstemp),
 // reads it back and counts the lines that contain `name`, leaving out the
 // search's own lines (those containing "grep <name>" or "grep '<name>'").
 // The temporary file is removed afterwards. Returns the count (positive means

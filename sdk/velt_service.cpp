@@ -4,10 +4,12 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <syslog.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <iterator>
@@ -33,6 +35,14 @@ constexpr int kLockTimeoutSeconds = 5;
 constexpr size_t kCommNameLength = 15;
 constexpr int kTerminatePasses = 50;
 constexpr useconds_t kTerminateWaitMicroseconds = 100000;
+
+constexpr int kKillAllSeconds = 5;
+
+int64_t MonotonicMilliseconds() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
 
 struct DirCloser {
   void operator()(DIR* dir) const { closedir(dir); }
@@ -323,10 +333,18 @@ int VELTServiceFindPids(const char* name, int* pids, int max) {
 
 int VELTServiceKillAll(const char* name) {
   int pids[VELT_SERVICE_MAX_PIDS];
+  const int64_t give_up = MonotonicMilliseconds() + int64_t{kKillAllSeconds} * 1000;
   for (;;) {
     const int count = VELTServiceFindPids(name, pids, VELT_SERVICE_MAX_PIDS);
     if (count < 0) return -1;
     if (count == 0) return 0;
+    // A process that cannot be killed must not keep the stop, and the
+    // service locks, forever: the stop fails instead.
+    if (MonotonicMilliseconds() >= give_up) {
+      syslog(LOG_ERR, "%s(%d): %d [%s] still running after %d seconds, give up", __func__, __LINE__,
+             count, name, kKillAllSeconds);
+      return -1;
+    }
     for (int i = 0; i < count; ++i) {
       char command[64];
       snprintf(command, sizeof command, "/bin/kill -9 %d > /dev/null 2>&1", pids[i]);

@@ -106,7 +106,8 @@ int VELTServiceFindPids(const char* name, int* pids, int max);
 
 // Forced kill loop: looks up the processes named `name` (at most 256 a pass),
 // runs "/bin/kill -9 <pid> > /dev/null 2>&1" through the shell for each and
-// looks again until none is left. Returns 0; -1 when a lookup fails.
+// looks again until none is left. Returns 0; -1 when a lookup fails, or
+// (logged) when some are still there after 5 seconds.
 int VELTServiceKillAll(const char* name);
 
 // Sends the processes named `name` signal 15, or 9 when `force` is set. With

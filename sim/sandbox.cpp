@@ -251,6 +251,9 @@ const char kShadow[] =
     "guest:*:10933:0:99999:7:::\n"
     "nobody:*:10933:0:99999:7:::\n";
 
+// The scheduler's table; the migration filters it.
+const char kCrontab[] = "*/5 * * * * root /usr/velt/bin/veltcheck\n";
+
 KeyValues DefaultVersion() {
   return {
       {"majorversion", "2"}, {"minorversion", "0"}, {"buildphase", "3"}, {"buildnumber", "500"}};
@@ -382,6 +385,7 @@ bool InstallEtc(const std::string& root, const Scenario& scenario, std::string* 
          WriteFileMode(etc + "/group", kGroup, 0644, error) &&
          WriteFileMode(etc + "/shadow", kShadow, 0600, error) &&
          WriteFileMode(etc + "/shells", "/bin/sh\n/bin/ash\n", 0644, error) &&
+         WriteFileMode(etc + "/crontab", kCrontab, 0644, error) &&
          WriteFileMode(etc + "/hosts", "127.0.0.1\tlocalhost\n", 0644, error) &&
          WriteFileMode(etc + "/veltinfo.conf", FormatKeyValues(settings), 0644, error) &&
          WriteFileMode(root + "/etc.defaults/veltinfo.conf", FormatKeyValues(factory), 0644,

@@ -24,7 +24,8 @@
 //   /dev/mtdN                       symlinks "flash/mtdN", one per partition
 //   /dev/log                        syslogd's socket (during a run)
 //   /proc                           a fresh proc of the run's pid namespace
-//   /etc                            passwd, group, shadow, shells, veltinfo.conf
+//   /etc                            passwd, group, shadow, shells, crontab,
+//                                   veltinfo.conf
 //   /etc/stub-status/NAME           exit status chosen for a stub (see below)
 //   /etc.defaults                   VERSION, veltinfo.conf
 //   /usr/velt/etc/rc.d/S*.sh        stub service scripts

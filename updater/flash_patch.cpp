@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <string>
+#include <vector>
 
 #include "lib/slib_error.h"
 #include "lib/source_name.h"
@@ -36,6 +37,41 @@ constexpr const char* kSourceFile = SourceBaseName(__FILE__);
 constexpr char kDoPatch[] = "UPDTDoPatch";
 constexpr char kRollBack[] = "UPDTRollBack";
 constexpr char kRecoverFis[] = "RecoverFISDirTable_K77GPlus_V284";
+
+// What this run's patch did to the flash, so that the roll-back rewrites
+// only what was touched: the flash ranges it erased (and then wrote), and the
+// partitions whose extent it moved.
+struct FlashRange {
+  uint64_t begin;
+  uint64_t end;
+};
+struct FlashChanges {
+  std::vector<FlashRange> erased;
+  std::vector<std::string> moved;
+};
+FlashChanges g_changes;
+
+bool Overlaps(const FlashRange& a, const FlashRange& b) {
+  return a.begin < b.end && b.begin < a.end;
+}
+
+bool WasMoved(const char* part) {
+  for (const std::string& moved : g_changes.moved) {
+    if (moved == part) return true;
+  }
+  return false;
+}
+
+// True when the patch erased or wrote a block of `old` (the partition's
+// extent before the run) or moved the partition.
+bool WasTouched(const FisImageDesc& old) {
+  if (WasMoved(old.name)) return true;
+  const FlashRange extent = {old.flash_base, uint64_t{old.flash_base} + old.size};
+  for (const FlashRange& erased : g_changes.erased) {
+    if (Overlaps(erased, extent)) return true;
+  }
+  return false;
+}
 
 bool IsDirectoryPartition(const char* part) {
   return strcmp(part, "RedBoot Config") == 0 || strcmp(part, "FIS Directory") == 0;
@@ -70,10 +106,15 @@ int PatchProgress(uint64_t done, uint64_t total) {
   return total == 0 ? 60 : static_cast<int>(60 + 40 * std::min(done, total) / total);
 }
 
-// One erase-write-verify attempt on `device`; false when any step fails.
-bool RewriteAttempt(const char* device, const std::string& source, uint32_t datalen, int attempt) {
+// One erase-write-verify attempt on `device`, which lies at `record`'s
+// extent; false when any step fails.
+bool RewriteAttempt(const char* device, const PartitionRecord& record, const std::string& source,
+                    int attempt) {
+  const uint32_t datalen = record.datalen;
   syslog(LOG_ERR, "%s:%d(%s) Try to Erase MTD Partition(%s), [%d/%d]...", kSourceFile, __LINE__,
          kDoPatch, device, attempt, kPatchAttempts);
+  // Even a failed erase may have cleared part of the range.
+  g_changes.erased.push_back({record.start, uint64_t{record.start} + record.size});
   if (VELTMTDErasePartition(device) != 0) {
     syslog(LOG_ERR, "%s: VELTMTDErasePartition() fail", kDoPatch);
     return false;
@@ -87,9 +128,10 @@ bool RewriteAttempt(const char* device, const std::string& source, uint32_t data
 }
 
 // Moves, rewrites and verifies one planned partition and records its new
-// geometry in the FIS directory. `done` is the work of the partitions
-// rewritten before it.
-bool PatchPartition(const PartitionRecord& record, uint64_t done, uint64_t total) {
+// geometry in the FIS directory. `old` is its record before the run; `done`
+// is the work of the partitions rewritten before it.
+bool PatchPartition(const PartitionRecord& record, const FisImageDesc& old, uint64_t done,
+                    uint64_t total) {
   const char* device = SzUPDTGetDeviceByName(record.part);
   if (device == nullptr) {
     syslog(LOG_ERR, "%s(%d): fail to get device path", kDoPatch, __LINE__);
@@ -99,6 +141,9 @@ bool PatchPartition(const PartitionRecord& record, uint64_t done, uint64_t total
     syslog(LOG_ERR, "%s: VELTMTDModifyPartitionSize() fail", kDoPatch);
     return false;
   }
+  if (record.start != old.flash_base || record.size != old.size) {
+    g_changes.moved.push_back(record.part);
+  }
   const std::string source = std::string(gszWorkDir) + "/" + record.file;
   bool rewritten = false;
   const uint64_t counted_before = gullUpdateDone;
@@ -107,7 +152,7 @@ bool PatchPartition(const PartitionRecord& record, uint64_t done, uint64_t total
     // neither counts those bytes twice nor goes back to the partition's start.
     gullUpdateRecount = gullUpdateDone - counted_before;
     UPDTSetProgress('P', PatchProgress(std::max(done, gullUpdateDone), total));
-    rewritten = RewriteAttempt(device, source, record.datalen, attempt);
+    rewritten = RewriteAttempt(device, record, source, attempt);
   }
   if (!rewritten) {
     syslog(LOG_ERR, "%s:%d(%s) Try to Update [%s] %d counts failed ...", kSourceFile, __LINE__,
@@ -124,31 +169,56 @@ bool PatchPartition(const PartitionRecord& record, uint64_t done, uint64_t total
   return true;
 }
 
-// Puts the backup of one partition back under its old geometry.
-bool RestorePartition(int row, const unsigned char* fisRecords, int count) {
-  const PartitionRecord& record = gPartitionTable[row];
-  const int index = GetIdxByName(record.part, fisRecords, count);
-  if (index < 0) {
-    syslog(LOG_ERR, "%s(%d): get idx of partition %d [%s] fail", kRollBack, __LINE__, row,
-           record.part);
-    return false;
+// The record named `part` among `count` FIS records, without a log line;
+// false when there is none.
+bool FindOldRecord(const char* part, const unsigned char* fisRecords, int count,
+                   FisImageDesc* old) {
+  for (int i = 0; i < count; ++i) {
+    char name[FIS_NAME_SIZE + 1];
+    if (strcmp(UPDTFisName(fisRecords + static_cast<size_t>(i) * FIS_RECORD_SIZE, name), part) ==
+        0) {
+      UPDTFisDecode(fisRecords + static_cast<size_t>(i) * FIS_RECORD_SIZE, old);
+      return true;
+    }
   }
-  const char* device = SzUPDTGetDeviceByName(record.part);
+  memset(old, 0, sizeof(*old));
+  return false;
+}
+
+// Erase, copy the backup with dd and verify it, up to three times, like the
+// patch; false when every attempt failed.
+bool RestoreContents(const char* device, const char* command, const std::string& backup,
+                     uint32_t size) {
+  for (int attempt = 0; attempt < kPatchAttempts; ++attempt) {
+    syslog(LOG_ERR, "%s:%d(%s) VELTMTDErasePartition(%s)...", kSourceFile, __LINE__, kRollBack,
+           device);
+    if (VELTMTDErasePartition(device) != 0) {
+      syslog(LOG_ERR, "%s: VELTMTDErasePartition() fail", kRollBack);
+      continue;
+    }
+    syslog(LOG_ERR, "%s(%d): command=[%s]", kRollBack, __LINE__, command);
+    if (UPDTExecute(command) < 0) continue;
+    if (UPDTVerifyFile(backup.c_str(), device, size, kVerifyBlockSize) == 0) return true;
+  }
+  syslog(LOG_ERR, "%s:%d(%s) Try to Recover [%s] %d counts failed ...", kSourceFile, __LINE__,
+         kRollBack, device, kPatchAttempts);
+  return false;
+}
+
+// Puts the backup of one partition back under its old geometry, `old`.
+// Whatever fails is logged and the rest still done where it is safe: the
+// contents go back unless the partition may still lie elsewhere, and the
+// directory entry is written back in any case. False when anything failed.
+bool RestorePartition(const FisImageDesc& old) {
+  const char* device = SzUPDTGetDeviceByName(old.name);
   if (device == nullptr) {
     syslog(LOG_ERR, "%s(%d): fail to get device path", kRollBack, __LINE__);
     return false;
   }
-  FisImageDesc old;
-  UPDTFisDecode(fisRecords + static_cast<size_t>(index) * FIS_RECORD_SIZE, &old);
+  bool restored = true;
   if (VELTMTDModifyPartitionSize(device, old.flash_base, old.size) != 0) {
     syslog(LOG_ERR, "%s: VELTMTDModifyPartitionSize() fail", kRollBack);
-    return false;
-  }
-  syslog(LOG_ERR, "%s:%d(%s) VELTMTDErasePartition(%s)...", kSourceFile, __LINE__, kRollBack,
-         device);
-  if (VELTMTDErasePartition(device) != 0) {
-    syslog(LOG_ERR, "%s: VELTMTDErasePartition() fail", kRollBack);
-    return false;
+    restored = false;
   }
   Command command;
   if (!UPDTFormatCommand(command, sizeof(command), kRollBack, __LINE__,
@@ -156,14 +226,18 @@ bool RestorePartition(int row, const unsigned char* fisRecords, int count) {
                          UPDT_BACKUP_DIR, old.name, device)) {
     return false;
   }
-  syslog(LOG_ERR, "%s(%d): command=[%s]", kRollBack, __LINE__, command);
-  if (UPDTExecute(command) < 0) return false;
+  // A partition this run moved and could not move back must not get its old
+  // contents at its new place.
+  if (restored || !WasMoved(old.name)) {
+    const std::string backup = std::string(gszWorkDir) + "/" + UPDT_BACKUP_DIR + "/mtd_" + old.name;
+    restored = RestoreContents(device, command, backup, old.size) && restored;
+  }
   const VELTMTDFisEntry entry = MakeFisEntry(old.name, old.flash_base, old.size, old.data_length);
   if (VELTMTDModifyFISEntry(gszDevMtdPartition, &entry) != 0) {
     syslog(LOG_ERR, "%s: VELTMTDModifyFISEntry() fail", kRollBack);
-    return false;
+    restored = false;
   }
-  return true;
+  return restored;
 }
 
 struct RecoveredRecord {
@@ -264,6 +338,7 @@ int UPDTBackupOldPartition(const unsigned char* fisRecords, int count) {
   }
   syslog(LOG_ERR, "szCmd=[%s]", command);
   if (UPDTExecute(command) < 0) return -1;
+  g_changes = FlashChanges();  // a new backup: nothing of it changed yet
   for (int i = 0; i < count; ++i) {
     char name[FIS_NAME_SIZE + 1];
     UPDTFisName(fisRecords + static_cast<size_t>(i) * FIS_RECORD_SIZE, name);
@@ -289,6 +364,7 @@ int UPDTDoPatch(const unsigned char* fisRecords, int count) {
     syslog(LOG_ERR, "%s(%d): parameter error ", __func__, __LINE__);
     return -1;
   }
+  g_changes = FlashChanges();
   const int rows = PlanRowCount();
   if (UPDTNeedResize(gPartitionTable, rows)) {
     syslog(LOG_ERR, "%s(%d): NEED RESIZE THE PARTITION", __func__, __LINE__);
@@ -316,7 +392,9 @@ int UPDTDoPatch(const unsigned char* fisRecords, int count) {
       syslog(LOG_ERR, "%s: skip updating [%s]", __func__, record.part);
       continue;
     }
-    if (!PatchPartition(record, done, total)) return -1;
+    FisImageDesc old;
+    FindOldRecord(record.part, fisRecords, count, &old);
+    if (!PatchPartition(record, old, done, total)) return -1;
     done += 2 * uint64_t{record.datalen};
   }
   return 0;
@@ -327,19 +405,36 @@ int UPDTRollBack(const unsigned char* fisRecords, int count) {
     syslog(LOG_ERR, "%s(%d): parameter error ", __func__, __LINE__);
     return -1;
   }
+  // The patch unlocked the partitions already; a refusal here does not stop
+  // the restore of the others.
+  bool restored = true;
   if (UPDTUnlockAllPartition() != 0) {
     syslog(LOG_ERR, "%s: UPDTUnlockAllPartition() fail", __func__);
-    return -1;
+    restored = false;
   }
+  // The verify passes of the restore are no part of the patch's progress.
+  gullUpdateTotal = 0;
   const int rows = PlanRowCount();
   for (int i = 0; i < rows; ++i) {
-    if (gPartitionTable[i].fneedupdate == 0) {
-      syslog(LOG_ERR, "%s: skip recoverying [%s]", __func__, gPartitionTable[i].part);
+    const PartitionRecord& record = gPartitionTable[i];
+    FisImageDesc old;
+    if (!FindOldRecord(record.part, fisRecords, count, &old)) {
+      if (record.fneedupdate == 0 && !WasMoved(record.part)) {
+        syslog(LOG_ERR, "%s: skip recoverying [%s]", __func__, record.part);
+        continue;
+      }
+      syslog(LOG_ERR, "%s(%d): get idx of partition %d [%s] fail", __func__, __LINE__, i,
+             record.part);
+      restored = false;
       continue;
     }
-    if (!RestorePartition(i, fisRecords, count)) return -1;
+    if (!WasTouched(old)) {
+      syslog(LOG_ERR, "%s: skip recoverying [%s]", __func__, record.part);
+      continue;
+    }
+    restored = RestorePartition(old) && restored;
   }
-  return 0;
+  return restored ? 0 : -1;
 }
 
 int RecoverFISDirTable_K77GPlus_V284(void) {

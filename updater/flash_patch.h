@@ -15,6 +15,7 @@ int UPDTUnlockAllPartition(void);  // UPDTLockAll(0)
 
 // Copies every partition named in the FIS records into the backup
 // directory (emptied first) with dd; progress 'P' 30 + 5 * i after record i.
+// A new backup forgets what an earlier patch changed (see UPDTRollBack).
 int UPDTBackupOldPartition(const unsigned char* fisRecords, int count);
 
 // Rewrites the partitions of gPartitionTable marked for update, in table
@@ -22,8 +23,15 @@ int UPDTBackupOldPartition(const unsigned char* fisRecords, int count);
 // partitions already rewritten stay rewritten.
 int UPDTDoPatch(const unsigned char* fisRecords, int count);
 
-// Writes the backups of every partition marked for update back under the
-// geometry of `fisRecords` (the directory as read before the update).
+// Writes back the backups of the partitions that the last UPDTDoPatch
+// touched: those whose extent it moved, and those with a block of their old
+// extent in a range it erased or wrote (a grown neighbour's erase counts),
+// under the geometry of `fisRecords` (the directory as read before the
+// update); the others are skipped ("skip recoverying"). Each partition gets
+// its old extent, up to three erase, dd and verify attempts, and its old FIS
+// entry. A failure is logged and the remaining partitions are still
+// restored; a partition that was moved and cannot be moved back keeps its
+// contents. 0 when everything was restored, else -1.
 int UPDTRollBack(const unsigned char* fisRecords, int count);
 
 // Rewrites the FIS directory device with the built-in six-record directory

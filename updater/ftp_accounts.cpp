@@ -1,5 +1,6 @@
 #include "updater/ftp_accounts.h"
 
+#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <stdio.h>
@@ -85,20 +86,19 @@ int RenameConflictGroup() {
   return 0;
 }
 
-// Inserts `line` as the first line of `path`; false (logged) on failure.
-// The rewritten file would get the mode of a new file, which must not open
-// "/etc/shadow" to everyone: its mode and owner are put back afterwards.
-bool InsertFirstLine(const char* path, const char* line) {
-  struct stat before;
-  const bool existed = stat(path, &before) == 0;
-  if (SLIBFileAddLine(path, nullptr, line, 0) > 0) {
-    if (existed) {
-      const int ignored = chown(path, before.st_uid, before.st_gid);
-      (void)ignored;
-      chmod(path, before.st_mode & 07777);
+// Inserts `line` as the first line of `path`; false (logged) on failure. An
+// existing file keeps its mode and owner through the rewrite; a missing one
+// is created with `new_mode` first (0: as any new file), so that a new
+// "/etc/shadow" is never readable by others.
+bool InsertFirstLine(const char* path, const char* line, mode_t new_mode = 0) {
+  if (new_mode != 0) {
+    const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, new_mode);
+    if (fd >= 0) {
+      fchmod(fd, new_mode);
+      close(fd);
     }
-    return true;
   }
+  if (SLIBFileAddLine(path, nullptr, line, 0) > 0) return true;
   // The message names the shadow file whichever file it was.
   UPDTMigrationLog("%s (%d) Failed to SLIBFileAddLine in to /etc/shadow.", kSource, __LINE__);
   return false;
@@ -107,7 +107,8 @@ bool InsertFirstLine(const char* path, const char* line) {
 // Adds the passwd and shadow lines of a system user that does not exist.
 bool AddSystemUser(const char* name, const char* passwd_line, const char* shadow_line) {
   if (UserExists(name)) return true;
-  return InsertFirstLine(kPasswdFile, passwd_line) && InsertFirstLine(kShadowFile, shadow_line);
+  return InsertFirstLine(kPasswdFile, passwd_line) &&
+         InsertFirstLine(kShadowFile, shadow_line, 0600);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -145,26 +146,58 @@ void RemovePhpIni() {
                    __LINE__, kUpdateConfig, error, strerror(error));
 }
 
-// Steps 9 and 10: only a shell that could not be run (-1) is a failure; a
-// grep that selects no line still replaces the crontab.
+enum class CrontabFilter { kDone, kGrepFailed, kMoveFailed };
+
+// Steps 9 and 10: "grep -v '<pattern>' /etc/crontab" into a temporary file,
+// moved over the crontab with "mv -f". The temporary file has a unique name
+// and is created here exclusively, so a link planted in /tmp cannot redirect
+// the write; it gets the crontab's mode and owner. A grep that could not
+// run (-1) or failed (status 2: no crontab, an unreadable one) leaves the
+// files as they are: moving its output would install an empty crontab. A
+// grep that selects no line (status 1) still replaces the crontab.
+CrontabFilter FilterCrontab(const char* pattern) {
+  char tmp[] = "/tmp/crontab_tmp.XXXXXX";
+  const int fd = mkstemp(tmp);
+  if (fd < 0) return CrontabFilter::kGrepFailed;
+  struct stat crontab;
+  if (stat("/etc/crontab", &crontab) == 0) {
+    const int ignored = fchown(fd, crontab.st_uid, crontab.st_gid);
+    (void)ignored;
+    fchmod(fd, crontab.st_mode & 07777);
+  }
+  close(fd);
+  char command[256];
+  snprintf(command, sizeof command, "grep -v '%s' /etc/crontab > %s", pattern, tmp);
+  const int grep = Shell(command);
+  if (grep == -1 || !WIFEXITED(grep) || WEXITSTATUS(grep) > 1) {
+    unlink(tmp);
+    return CrontabFilter::kGrepFailed;
+  }
+  snprintf(command, sizeof command, "mv -f %s /etc/crontab", tmp);
+  const int move = Shell(command);
+  if (move != 0) unlink(tmp);
+  return move == -1 ? CrontabFilter::kMoveFailed : CrontabFilter::kDone;
+}
+
 void FilterVacuumdbFromCrontab() {
-  int result = Shell("grep -v 'vacuumdb' /etc/crontab > /tmp/crontab_tmp");
-  if (result != -1) result = Shell("mv -f /tmp/crontab_tmp /etc/crontab");
-  if (result == -1) {
+  if (FilterCrontab("vacuumdb") != CrontabFilter::kDone) {
     UPDTMigrationLog("%s(%d) Failed to remove vacuumdb from crontab.", kSource, __LINE__);
   }
 }
 
 void FilterHtmlCleanupFromCrontab() {
   // The backslash makes grep match the star itself.
-  if (Shell("grep -v '/bin/rm -f /var/log/\\*.html' /etc/crontab > /tmp/crontab_tmp") == -1) {
-    UPDTMigrationLog("%s(%d) Failed to remove \"rm -f /var/log/\\*.html\" from crontab.", kSource,
-                     __LINE__);
-    return;
-  }
-  if (Shell("mv -f /tmp/crontab_tmp /etc/crontab") == -1) {
-    UPDTMigrationLog("%s(%d) Failed to remove \"rm -f /var/log/*.html\" from crontab.", kSource,
-                     __LINE__);
+  switch (FilterCrontab("/bin/rm -f /var/log/\\*.html")) {
+    case CrontabFilter::kGrepFailed:
+      UPDTMigrationLog("%s(%d) Failed to remove \"rm -f /var/log/\\*.html\" from crontab.", kSource,
+                       __LINE__);
+      break;
+    case CrontabFilter::kMoveFailed:
+      UPDTMigrationLog("%s(%d) Failed to remove \"rm -f /var/log/*.html\" from crontab.", kSource,
+                       __LINE__);
+      break;
+    case CrontabFilter::kDone:
+      break;
   }
 }
 

@@ -118,6 +118,12 @@ Options ReadOptions(int argc, char** argv) {
         gblGroupUpdate = 1;
         break;
       case 'v':
+        // A volume cut to fit would name another directory: refused like a
+        // missing one.
+        if (strlen(optarg) >= sizeof(gszVolume)) {
+          syslog(LOG_ERR, "updater: invalid option for -v [mount_point]\n");
+          return Options::kError;
+        }
         snprintf(gszVolume, sizeof(gszVolume), "%s", optarg);
         break;
       default:
@@ -138,8 +144,16 @@ Options ReadOptions(int argc, char** argv) {
 }
 
 // A program started by path works in its own directory, one started by bare
-// name in the volume's "upd@te" directory.
-void ChooseWorkDir(const char* program) {
+// name in the volume's "upd@te" directory. A program path that does not fit
+// is refused: cut short, it could name a parent directory holding another
+// package.
+int ChooseWorkDir(const char* program) {
+  if (program == nullptr) program = "";
+  if (strlen(program) >= sizeof(gszWorkDir)) {
+    syslog(LOG_ERR, "%s(%d): refuse program path of %zu characters: at most %zu fit", "main",
+           __LINE__, strlen(program), sizeof(gszWorkDir) - 1);
+    return kWorkDirectoryFailed;
+  }
   snprintf(gszWorkDir, sizeof(gszWorkDir), "%s", program);
   char* last_slash = strrchr(gszWorkDir, '/');
   if (last_slash != nullptr) {
@@ -147,6 +161,7 @@ void ChooseWorkDir(const char* program) {
   } else {
     snprintf(gszWorkDir, sizeof(gszWorkDir), "%s/upd@te", gszVolume);
   }
+  return kSuccess;
 }
 
 int EnterWorkDir() {
@@ -175,6 +190,14 @@ void StopServices() {
   gblServicesStopped = 1;
 }
 
+// The setting call may store the value even when it cannot set the link (an
+// unknown link speed); the user's value must then come back at the end too.
+bool StoredMtuChanged(const Run& run) {
+  char stored[sizeof(run.mtu)] = {0};
+  return SLIBFileGetKeyValue(kSettings, "MTUValue", stored, sizeof(stored), 0) <= 0 ||
+         strcmp(stored, run.mtu) != 0;
+}
+
 // The interface runs at the standard frame size while the flash is written.
 void LowerMtu(Run* run) {
   char support[8] = {0};
@@ -186,7 +209,8 @@ void LowerMtu(Run* run) {
     run->mtu[0] = '\0';
     return;
   }
-  if (strcmp(run->mtu, "1500") != 0 && VELTNetSetMTUValue("1500") >= 0) run->restore_mtu = true;
+  if (strcmp(run->mtu, "1500") == 0) return;
+  if (VELTNetSetMTUValue("1500") >= 0 || StoredMtuChanged(*run)) run->restore_mtu = true;
 }
 
 int TakeDriverBuffer() {
@@ -412,8 +436,8 @@ int main(int argc, char** argv) {
     syslog(LOG_ERR, "%s(%d): fail to open current directory. errno=%d", "main", __LINE__, errno);
     run.code = kCurrentDirectoryFailed;
   } else {
-    ChooseWorkDir(argv[0]);
-    run.code = Update(&run);
+    run.code = ChooseWorkDir(argv[0]);
+    if (run.code == kSuccess) run.code = Update(&run);
     CleanUp(&run);
   }
   Finish(&run);

@@ -140,6 +140,16 @@ TEST_F(MigrationTest, AccountsMissingGetFiveLinesFtpAboveAnonymousAndSecondRunAd
   EXPECT_EQ(RootFile("/etc/group"), first_group);
 }
 
+TEST_F(MigrationTest, MissingShadowFileIsCreatedPrivate) {
+  ASSERT_NE(Build(Scenario()), nullptr);
+  ASSERT_EQ(unlink(box_->RootPath("/etc/shadow").c_str()), 0);
+
+  EXPECT_EQ(Probe({"UPDTAddFtpUserGroup"}).out, "UPDTAddFtpUserGroup 0\n");
+
+  EXPECT_EQ(RootFile("/etc/shadow"), std::string(kShadowFtp) + kShadowAnonymous);
+  EXPECT_EQ(ModeOf(box_->RootPath("/etc/shadow")), 0600u);
+}
+
 TEST_F(MigrationTest, UserCreatedFtpGroupBecomesFirstFreeNameAndSystemGroupIsAdded) {
   Scenario scenario;
   const std::string group =
@@ -422,6 +432,28 @@ TEST_F(MigrationTest, CrontabFiltersDropExactlyTheVacuumAndHtmlLines) {
             "0 1 * * * root /bin/rm -f /var/log/x.html\n"
             "\n"
             "last line without newline\n");
+}
+
+TEST_F(MigrationTest, CrontabFiltersFollowNoPlantedLinkAndNeverInstallAnEmptyCrontab) {
+  ASSERT_NE(Build(Scenario()), nullptr);
+  const std::string crontab = RootFile("/etc/crontab");
+  ASSERT_EQ(symlink("/etc/planted", box_->RootPath("/tmp/crontab_tmp").c_str()), 0);
+
+  RunResult result = Probe({"UPDTUpdateConfig"});
+  EXPECT_EQ(result.out, "UPDTUpdateConfig 0\n");
+  EXPECT_FALSE(RootExists("/etc/planted"));
+  EXPECT_EQ(RootFile("/etc/crontab"), crontab);
+  EXPECT_EQ(ErrorMessages(result), std::vector<std::string>{});
+
+  // Without a crontab grep fails: nothing is installed, both steps say so.
+  ASSERT_EQ(unlink(box_->RootPath("/etc/crontab").c_str()), 0);
+  result = Probe({"UPDTUpdateConfig"});
+  EXPECT_EQ(result.out, "UPDTUpdateConfig 0\n");
+  EXPECT_FALSE(RootExists("/etc/crontab"));
+  EXPECT_EQ(ErrorMessages(result),
+            (std::vector<std::string>{
+                "updater(N) Failed to remove vacuumdb from crontab.",
+                "updater(N) Failed to remove \"rm -f /var/log/\\*.html\" from crontab."}));
 }
 
 TEST_F(MigrationTest, JumboMtuValuesAreLoweredAndOthersLeftIdentical) {

@@ -462,6 +462,25 @@ TEST_F(ServicesTest, KillAllAndTerminateReachEveryProcessOfTheName) {
   }
 }
 
+TEST_F(ServicesTest, KillAllGivesUpAfterFiveSecondsOnAProcessThatSurvives) {
+  Scenario scenario;
+  scenario.files.push_back(StubDaemon(kFtpd));
+  scenario.daemons = {kFtpd};
+  ASSERT_NE(Build(scenario), nullptr);
+  // A kill that does nothing: the daemon outlives every pass.
+  const std::string kill = box_->RootPath("/bin/kill");
+  ASSERT_EQ(unlink(kill.c_str()), 0);
+  testing_support::WriteFile(kill, "#!/bin/sh\nexit 0\n");
+  ASSERT_EQ(chmod(kill.c_str(), 0755), 0);
+
+  long seconds = 0;
+  const RunResult result = TimedShell(std::string(kProbe) + " killall ftpd", &seconds);
+
+  EXPECT_EQ(ProbeResults(result), Lines{"killall ftpd: result -1 error 0"}) << Describe(result);
+  EXPECT_GE(seconds, 5);
+  EXPECT_LT(seconds, 20);
+}
+
 // ------------------------------------------------------------ MTU and settings
 
 TEST_F(ServicesTest, MtuOnFastEthernetIsOnlyStored) {

@@ -786,7 +786,7 @@ class FlashPatchRollBackTest : public FlashPatchTest {
  protected:
   void PatchThatFails() {
     ASSERT_EQ(0, UPDTBackupOldPartition(records_.data(), count_));
-    Package("RedBoot.msys", 91, 0x20000 + 5);
+    patched_boot_loader_ = Package("RedBoot.msys", 91, 0x20000 + 5);
     patched_kernel_ = Package("zImage", 92, 0x30000);
     Package("rd.bin", 93, 0x18000);
     Plan();
@@ -801,10 +801,11 @@ class FlashPatchRollBackTest : public FlashPatchTest {
     testing_support::SyslogRecords().clear();
   }
 
+  std::string patched_boot_loader_;
   std::string patched_kernel_;
 };
 
-TEST_P(FlashPatchRollBackTest, RestoresEveryMarkedPartitionAndTheOldDirectory) {
+TEST_P(FlashPatchRollBackTest, RestoresThePartitionsThePatchTouchedAndTheOldDirectory) {
   START_OR_RETURN(GetParam());
   PatchThatFails();
   if (HasFatalFailure()) return;
@@ -816,7 +817,7 @@ TEST_P(FlashPatchRollBackTest, RestoresEveryMarkedPartitionAndTheOldDirectory) {
   std::vector<std::string> expected_log;
   for (int i = 0; i < gPartitionCount; ++i) {
     const std::string part = gPartitionTable[i].part;
-    if (part == "RedBoot" || part == "zImage" || part == "rd.gz") {
+    if (part == "RedBoot" || part == "zImage") {
       const std::string device = Device(part);
       expected_log.push_back("flash_patch.cpp:N(UPDTRollBack) VELTMTDErasePartition(" + device +
                              ")...");
@@ -827,8 +828,8 @@ TEST_P(FlashPatchRollBackTest, RestoresEveryMarkedPartitionAndTheOldDirectory) {
     }
   }
   EXPECT_EQ(expected_log, LogLinesWith({"UPDTRollBack"}));
-  // rd.gz was never reached by the patch and is restored all the same.
-  EXPECT_EQ(1u, Operations("rollback", "erase", Mtd("rd.gz")).size());
+  // rd.gz was never reached by the patch: nothing to restore.
+  EXPECT_EQ(std::vector<std::string>(), Operations("rollback", "erase", Mtd("rd.gz")));
   EXPECT_EQ(Entries(initial_records_), DirectoryNow());
 
   Finish();
@@ -837,27 +838,25 @@ TEST_P(FlashPatchRollBackTest, RestoresEveryMarkedPartitionAndTheOldDirectory) {
   EXPECT_EQ(Extents(initial_.layout), Extents(final_.layout));
 }
 
-TEST_P(FlashPatchRollBackTest, StopsAtTheFirstPartitionThatCannotBeErased) {
+TEST_P(FlashPatchRollBackTest, GoesOnPastAPartitionThatCannotBeErased) {
   START_OR_RETURN(GetParam());
   PatchThatFails();
   if (HasFatalFailure()) return;
-  Fault("fault erase " + Mtd("zImage") + " every errno=EIO");
+  Fault("fault erase " + Mtd("RedBoot") + " every errno=EIO");
   Mark("rollback");
 
   EXPECT_EQ(-1, UPDTRollBack(records_.data(), count_));
 
   EXPECT_TRUE(Logged(LOG_ERR, "UPDTRollBack: VELTMTDErasePartition() fail"));
-  EXPECT_EQ(1u, Operations("rollback", "erase", Mtd("RedBoot")).size());
-  EXPECT_EQ(std::vector<std::string>(), Operations("rollback", "set-extent", Mtd("rd.gz")));
-  EXPECT_EQ(std::vector<std::string>(), Operations("rollback", "erase", Mtd("rd.gz")));
-  // RedBoot is back, with its old directory entry; zImage keeps what the
-  // failed patch left, rd.gz was never touched.
+  EXPECT_TRUE(Logged(LOG_ERR, "flash_patch.cpp:N(UPDTRollBack) Try to Recover [" +
+                                  Device("RedBoot") + "] 3 counts failed ..."));
+  EXPECT_EQ(3u, Operations("rollback", "erase", Mtd("RedBoot")).size());
+  // The kernel after it is restored all the same, and both directory
+  // entries are the old ones again; RedBoot keeps what the patch wrote.
   EXPECT_EQ(Entries(initial_records_), DirectoryNow());
   Finish();
-  const PartitionLayout& kernel = Part("zImage");
-  std::string programmed = patched_kernel_;
-  for (size_t i = 0; i < 0x10000; ++i) programmed[i] = static_cast<char>(programmed[i] | 1);
-  ExpectRewritten(kernel.base, kernel.size, programmed);
+  const PartitionLayout& boot_loader = Part("RedBoot");
+  ExpectRewritten(boot_loader.base, boot_loader.size, patched_boot_loader_);
   ExpectUnlocked();
   ExpectChip();
 }
@@ -873,8 +872,12 @@ TEST_P(FlashPatchTest, RollBackCommandThatDoesNotFitItsBufferIsNotRun) {
   ASSERT_EQ(0, mkdir(backup.c_str(), 0755));
   const std::vector<uint8_t> old = Bytes(initial_.image, kernel.base, kernel.size);
   testing_support::WriteFile(backup + "/mtd_zImage", std::string(old.begin(), old.end()));
-  Package("zImage", 101, 0x20000);
+  const std::string new_kernel = Package("zImage", 101, 0x20000);
   Plan();
+  // The kernel is rewritten, then its directory entry fails.
+  Fault("fault set-fis " + FisMtd() + " every errno=EIO");
+  ASSERT_EQ(-1, UPDTDoPatch(records_.data(), count_));
+  Fault("fault clear");
   testing_support::SyslogRecords().clear();
 
   EXPECT_EQ(-1, UPDTRollBack(records_.data(), count_));
@@ -885,8 +888,8 @@ TEST_P(FlashPatchTest, RollBackCommandThatDoesNotFitItsBufferIsNotRun) {
   EXPECT_TRUE(Logged(LOG_ERR, "UPDTRollBack(N): command too long [" + command + "]"));
   EXPECT_EQ(std::vector<std::string>(), LogLinesWith({"command=["}));
   Finish();
-  // The partition had been erased for the copy that never ran.
-  ExpectRewritten(kernel.base, kernel.size, "");
+  // Nothing is erased for a copy that cannot run.
+  ExpectRewritten(kernel.base, kernel.size, new_kernel);
   ExpectUnlocked();
   ExpectChip();
 }

@@ -577,8 +577,10 @@ TEST_F(MSysUpdateTest, UpdateWritesFlashMigratesAndMovesTheArchive) {
   SETUP_OR_RETURN();
   const std::string zimage = Package("zImage", 21, 0x80000 + 1);
   const std::string archive = Package("hda1.tgz", 22, 4000);
-  // The migration's unconditional steps remove this file.
+  // The migration's unconditional steps remove this file and filter the
+  // crontab.
   ASSERT_EQ(0, system("mkdir -p /usr/velt/etc && echo x > /usr/velt/etc/manutil.conf"));
+  testing_support::WriteFile("/etc/crontab", "0 1 * * * root ls\n");
   char letter = 'A';
   EXPECT_EQ(0, UPDTMSysUpdate(&letter));
   EXPECT_EQ('R', letter);

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "lib/slib_error.h"
+#include "lib/slib_file_line.h"
 #include "lib/slib_hash.h"
 #include "test_support.h"
 
@@ -261,17 +262,26 @@ TEST(SlibFile, SetKeyValueCopiesLongLinesWhole) {
   EXPECT_EQ(before + "KEY=" + value + "\n" + after, ReadFile(path));
 }
 
-TEST(SlibFile, SetKeyValueGivesTheFileANewFilesMode) {
+// The rewritten copy takes the original's mode and owner before the rename,
+// so that a secret file is never open to others.
+TEST(SlibFile, RewritesKeepTheFilesModeAndOwner) {
   TempDir dir;
   const std::string path = dir.File("conf");
   WriteFile(path, "KEY=1\n");
   ASSERT_EQ(0, chmod(path.c_str(), 0600));
+  const uid_t uid = geteuid() == 0 ? 1234 : geteuid();
+  const gid_t gid = geteuid() == 0 ? 5678 : getegid();
+  ASSERT_EQ(0, chown(path.c_str(), uid, gid));
   const mode_t old_mask = umask(022);
   EXPECT_EQ(1, SLIBFileSetKeyValue(path.c_str(), "KEY", "2", nullptr));
+  EXPECT_EQ(1, SLIBFileAddLine(path.c_str(), nullptr, "TOP=0", 0));
   umask(old_mask);
+  EXPECT_EQ("TOP=0\nKEY=2\n", ReadFile(path));
   struct stat st;
   ASSERT_EQ(0, stat(path.c_str(), &st));
-  EXPECT_EQ(0644u, st.st_mode & 0777);
+  EXPECT_EQ(0600u, st.st_mode & 07777);
+  EXPECT_EQ(uid, st.st_uid);
+  EXPECT_EQ(gid, st.st_gid);
 }
 
 TEST(SlibFile, SetKeyValueRefusesADirectoryAndBadArguments) {

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,7 +20,16 @@ namespace {
 using testing_support::TempDir;
 using testing_support::WriteFile;
 
+// The name a listing of this process had before listings got unique names.
 std::string TempListingPath() { return "/tmp/tempSLIBPs" + std::to_string(getpid()); }
+
+// True when a listing file of this process is left in /tmp.
+bool ListingLeft() {
+  for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
+    if (entry.path().string().rfind(TempListingPath(), 0) == 0) return true;
+  }
+  return false;
+}
 
 // Starts `program` with a long sleep and returns once it has been exec'd, so
 // that the process list already shows its own name.
@@ -147,25 +157,32 @@ TEST(SlibProc, CountByNameSeesRunningProcessAndNotItsOwnSearch) {
   ASSERT_GT(sleeper, 0);
   ASSERT_EQ(waitpid(sleeper, nullptr, WNOHANG), 0) << "the sleeper did not start";
   EXPECT_EQ(SLIBProcCountByName(name.c_str()), 1);
-  EXPECT_FALSE(testing_support::FileExists(TempListingPath()));
+  EXPECT_FALSE(ListingLeft());
 
   ASSERT_EQ(kill(sleeper, SIGKILL), 0);
   ASSERT_EQ(waitpid(sleeper, nullptr, 0), sleeper);
   EXPECT_EQ(SLIBProcCountByName(name.c_str()), 0);
-  EXPECT_FALSE(testing_support::FileExists(TempListingPath()));
+  EXPECT_FALSE(ListingLeft());
 }
 
-TEST(SlibProc, CountByNameFailsWhenListingCannotBeRead) {
+TEST(SlibProc, CountByNameIgnoresPlantedLinkAndFailsWithoutWritableTmp) {
   const std::string why = testing_support::EnterPrivateTmp();
   if (!why.empty()) GTEST_SKIP() << why;
   if (access("/bin/ps", X_OK) != 0) GTEST_SKIP() << "/bin/ps is missing";
 
-  // A directory in the way: the shell cannot write the listing, reading fails.
-  ASSERT_EQ(mkdir(TempListingPath().c_str(), 0700), 0);
+  // A link at the name a listing of this process would have had is not
+  // followed: its target is never written.
+  ASSERT_EQ(symlink("/tmp/planted", TempListingPath().c_str()), 0);
+  EXPECT_GE(SLIBProcCountByName("init"), 0);
+  EXPECT_FALSE(testing_support::FileExists("/tmp/planted"));
+  EXPECT_EQ(unlink(TempListingPath().c_str()), 0);
+
+  // No listing can be made: reading fails.
+  ASSERT_EQ(mount(nullptr, "/tmp", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
   SLIBCErrSet(0);
   EXPECT_EQ(SLIBProcCountByName("init"), -1);
   EXPECT_EQ(SLIBCErrGet(), SLIB_ERR_READ);
-  EXPECT_EQ(rmdir(TempListingPath().c_str()), 0);
+  ASSERT_EQ(mount(nullptr, "/tmp", nullptr, MS_REMOUNT, nullptr), 0);
 }
 
 }  // namespace
