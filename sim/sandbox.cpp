@@ -37,6 +37,7 @@ using internal::MakeDirs;
 using internal::Probe;
 using internal::ReadLayoutPartitions;
 using internal::ReadWholeFile;
+using internal::RunHostProgram;
 using internal::RunInit;
 using internal::RunInNamespaces;
 using internal::RunPlan;
@@ -120,6 +121,16 @@ std::unique_ptr<Sandbox> Sandbox::Open(const std::string& dir, const Tools& tool
     return nullptr;
   }
   return box;
+}
+
+std::unique_ptr<Sandbox> Sandbox::Clone(const std::string& dir, std::string* error) const {
+  if (!IsEmptyOrMissingDir(dir, error) || !MakeDirs(dir, 0755, error)) return nullptr;
+  std::string output;
+  if (RunHostProgram({"/bin/cp", "-a", dir_ + "/.", dir}, &output) != 0) {
+    *error = "cannot copy " + dir_ + " to " + dir + ": " + output;
+    return nullptr;
+  }
+  return Open(dir, tools_, error);
 }
 
 bool Sandbox::Load(std::string* error) {
