@@ -148,83 +148,6 @@ void JudgeTrial(const Setup& setup, const Baseline& baseline, const std::string&
   trial->check_problems = CheckChip(setup.tools, state_dir);
 }
 
-// Runs the reached trials, `jobs` child processes at a time.
-void RunTrials(const Setup& setup, const sandbox::Sandbox& templ, int jobs,
-               const std::function<void(size_t, size_t)>& progress, Result* result) {
-  std::vector<size_t> pending;
-  for (size_t i = 0; i < result->trials.size(); ++i) {
-    if (result->trials[i].reached) pending.push_back(i);
-  }
-  const size_t total = result->trials.size();
-  size_t done = total - pending.size();
-  progress(done, total);
-  std::map<pid_t, size_t> running;
-  size_t next = 0;
-  const auto run_dir = [&setup](size_t i) { return setup.dir + "/runs/" + std::to_string(i); };
-  while (next < pending.size() || !running.empty()) {
-    while (next < pending.size() && running.size() < static_cast<size_t>(jobs)) {
-      const size_t i = pending[next++];
-      const pid_t pid = fork();
-      if (pid == 0) {
-        RunTrialChild(templ, setup, result->trials[i], run_dir(i), run_dir(i) + ".status");
-      }
-      if (pid < 0) {
-        result->trials[i].error = "cannot fork: " + std::string(strerror(errno));
-        progress(++done, total);
-        continue;
-      }
-      running[pid] = i;
-    }
-    if (running.empty()) continue;
-    int status = 0;
-    const pid_t pid = waitpid(-1, &status, 0);
-    if (pid < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    const auto found = running.find(pid);
-    if (found == running.end()) continue;
-    const size_t i = found->second;
-    running.erase(found);
-    JudgeTrial(setup, result->baseline, run_dir(i), run_dir(i) + ".status", &result->trials[i]);
-    std::string ignored;
-    sandbox::DestroyDir(run_dir(i), &ignored);
-    progress(++done, total);
-  }
-}
-
-// The template sandbox, and the clean run in a copy of it.
-std::unique_ptr<sandbox::Sandbox> Prepare(const Setup& setup, Result* result, std::string* error) {
-  std::unique_ptr<sandbox::Sandbox> templ =
-      sandbox::Sandbox::Create(setup.dir + "/template", setup.scenario, setup.tools, error);
-  if (templ == nullptr) return nullptr;
-  templ->Keep();
-  std::unique_ptr<sandbox::Sandbox> clean = templ->Clone(setup.dir + "/clean", error);
-  if (clean == nullptr) return nullptr;
-  clean->Keep();
-  sandbox::RunOptions options;
-  options.timeout_seconds = setup.timeout_seconds;
-  const sandbox::RunResult run = clean->Run(setup.argv, options);
-  if (!run.ok) {
-    *error = "the clean run failed: " + run.error;
-    return nullptr;
-  }
-  result->clean_status = run.status;
-  if (run.status != 0) {
-    *error = "the clean run ended with result " + std::to_string(run.status) + " (see " +
-             clean->dir() + ")";
-    return nullptr;
-  }
-  Baseline& baseline = result->baseline;
-  if (!flashsim::LoadState(templ->FlashStateDir(), &baseline.old_chip, error) ||
-      !flashsim::LoadState(clean->FlashStateDir(), &baseline.new_chip, error)) {
-    return nullptr;
-  }
-  baseline.ops = ParseTrace(clean->FlashTrace());
-  baseline.stages = Stages(baseline.ops, baseline.old_chip.layout);
-  return templ;
-}
-
 }  // namespace
 
 std::vector<Trial> FaultTrials(const Baseline& baseline) {
@@ -344,17 +267,43 @@ Tally CountOutcomes(const std::vector<Trial>& trials) {
   return tally;
 }
 
-bool RunCampaign(const Setup& setup, const std::function<void(size_t, size_t)>& progress,
-                 Result* result, std::string* error) {
-  const auto start = std::chrono::steady_clock::now();
-  result->load_before = LoadAverage();
-  result->jobs = setup.jobs > 0 ? setup.jobs : ProcessorCount();
-  if (!sandbox::internal::MakeDirs(setup.dir + "/runs", 0755, error)) return false;
-  const std::unique_ptr<sandbox::Sandbox> templ = Prepare(setup, result, error);
-  if (templ == nullptr) return false;
-  result->trials = setup.kind == Kind::kFaults ? FaultTrials(result->baseline)
-                                               : PowerCutTrials(result->baseline, setup.points);
-  // What a trial that cannot change the run would give: the clean run's chip.
+std::unique_ptr<sandbox::Sandbox> PrepareCampaign(const Setup& setup, Result* result,
+                                                  std::string* error) {
+  if (!sandbox::internal::MakeDirs(setup.dir + "/runs", 0755, error)) return nullptr;
+  std::unique_ptr<sandbox::Sandbox> templ =
+      sandbox::Sandbox::Create(setup.dir + "/template", setup.scenario, setup.tools, error);
+  if (templ == nullptr) return nullptr;
+  templ->Keep();
+  std::unique_ptr<sandbox::Sandbox> clean = templ->Clone(setup.dir + "/clean", error);
+  if (clean == nullptr) return nullptr;
+  clean->Keep();
+  sandbox::RunOptions options;
+  options.timeout_seconds = setup.timeout_seconds;
+  const sandbox::RunResult run = clean->Run(setup.argv, options);
+  if (!run.ok) {
+    *error = "the clean run failed: " + run.error;
+    return nullptr;
+  }
+  result->clean_status = run.status;
+  if (run.status != 0) {
+    *error = "the clean run ended with result " + std::to_string(run.status) + " (see " +
+             clean->dir() + ")";
+    return nullptr;
+  }
+  Baseline& baseline = result->baseline;
+  if (!flashsim::LoadState(templ->FlashStateDir(), &baseline.old_chip, error) ||
+      !flashsim::LoadState(clean->FlashStateDir(), &baseline.new_chip, error)) {
+    return nullptr;
+  }
+  baseline.ops = ParseTrace(clean->FlashTrace());
+  baseline.stages = Stages(baseline.ops, baseline.old_chip.layout);
+  return templ;
+}
+
+void RunTrials(const Setup& setup, const sandbox::Sandbox& templ,
+               const std::function<void(size_t, size_t)>& progress, Result* result) {
+  const int jobs = result->jobs = setup.jobs > 0 ? setup.jobs : ProcessorCount();
+  // What a trial that cannot change the run gives: the clean run's chip.
   const ChipVerdict clean =
       ClassifyChip(result->baseline.old_chip, result->baseline.new_chip, result->baseline.new_chip);
   const std::vector<std::string> clean_problems =
@@ -366,7 +315,57 @@ bool RunCampaign(const Setup& setup, const std::function<void(size_t, size_t)>& 
     trial.verdict = clean;
     trial.check_problems = clean_problems;
   }
-  RunTrials(setup, *templ, result->jobs, progress, result);
+  std::vector<size_t> pending;
+  for (size_t i = 0; i < result->trials.size(); ++i) {
+    if (result->trials[i].reached) pending.push_back(i);
+  }
+  const size_t total = result->trials.size();
+  size_t done = total - pending.size();
+  progress(done, total);
+  std::map<pid_t, size_t> running;
+  size_t next = 0;
+  const auto run_dir = [&setup](size_t i) { return setup.dir + "/runs/" + std::to_string(i); };
+  while (next < pending.size() || !running.empty()) {
+    while (next < pending.size() && running.size() < static_cast<size_t>(jobs)) {
+      const size_t i = pending[next++];
+      const pid_t pid = fork();
+      if (pid == 0) {
+        RunTrialChild(templ, setup, result->trials[i], run_dir(i), run_dir(i) + ".status");
+      }
+      if (pid < 0) {
+        result->trials[i].error = "cannot fork: " + std::string(strerror(errno));
+        progress(++done, total);
+        continue;
+      }
+      running[pid] = i;
+    }
+    if (running.empty()) continue;
+    int status = 0;
+    const pid_t pid = waitpid(-1, &status, 0);
+    if (pid < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    const auto found = running.find(pid);
+    if (found == running.end()) continue;
+    const size_t i = found->second;
+    running.erase(found);
+    JudgeTrial(setup, result->baseline, run_dir(i), run_dir(i) + ".status", &result->trials[i]);
+    std::string ignored;
+    sandbox::DestroyDir(run_dir(i), &ignored);
+    progress(++done, total);
+  }
+}
+
+bool RunCampaign(const Setup& setup, const std::function<void(size_t, size_t)>& progress,
+                 Result* result, std::string* error) {
+  const auto start = std::chrono::steady_clock::now();
+  result->load_before = LoadAverage();
+  const std::unique_ptr<sandbox::Sandbox> templ = PrepareCampaign(setup, result, error);
+  if (templ == nullptr) return false;
+  result->trials = setup.kind == Kind::kFaults ? FaultTrials(result->baseline)
+                                               : PowerCutTrials(result->baseline, setup.points);
+  RunTrials(setup, *templ, progress, result);
   result->load_after = LoadAverage();
   result->seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   return true;

@@ -22,6 +22,7 @@
 #include <stddef.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -98,6 +99,16 @@ struct Result {
   double load_before = 0;  // one-minute load averages
   double load_after = 0;
 };
+
+// Builds the sandbox DIR/template, makes the clean run in DIR/clean and
+// fills `result->baseline` and `clean_status`; returns the template, or null
+// with a message when the sandbox cannot be built or the clean run fails.
+std::unique_ptr<sandbox::Sandbox> PrepareCampaign(const Setup& setup, Result* result,
+                                                  std::string* error);
+// Runs `result->trials` in copies of `templ`, `setup.jobs` at a time, and
+// judges them; trials not reached get the clean run's outcome.
+void RunTrials(const Setup& setup, const sandbox::Sandbox& templ,
+               const std::function<void(size_t, size_t)>& progress, Result* result);
 
 // Prepares the baseline and runs every trial, `setup.jobs` at a time;
 // `progress(done, total)` is called as trials finish. False with a message

@@ -361,8 +361,9 @@ std::string FlashMaps(const Result& result) {
   std::string svg = FlashMapBar(result.baseline.old_chip, 10, "before");
   svg += FlashMapBar(result.baseline.new_chip, 56, "after the clean run");
   svg += Text(kLabelWidth, 106, Format("0x%08X", layout.chip_base));
-  svg += Text(kLabelWidth + kWidth, 106, Format("0x%08X", layout.chip_base + layout.chip_size),
-              "text-anchor=\"end\"");
+  const uint64_t chip_end = uint64_t{layout.chip_base} + layout.chip_size;
+  svg += Text(kLabelWidth + kWidth, 106,
+              Format("0x%08llX", static_cast<unsigned long long>(chip_end)), "text-anchor=\"end\"");
   return Svg(112, svg);
 }
 
@@ -392,7 +393,8 @@ std::string Timeline(const Result& result, bool power_cut) {
   for (const Stage& stage : stages) {
     const size_t lane = std::find(lanes.begin(), lanes.end(), stage.partition) - lanes.begin();
     svg += Rect(x_of(stage.first - 1), lane * kLaneHeight + 1,
-                x_of(stage.last) - x_of(stage.first - 1), kLaneHeight - 2, KindColour(stage.kind),
+                std::max(x_of(stage.last) - x_of(stage.first - 1), 2.0), kLaneHeight - 2,
+                KindColour(stage.kind),
                 StageName(stage) + Format(": operations %zu-%zu", stage.first, stage.last));
   }
   double y = lanes_height + 4;
