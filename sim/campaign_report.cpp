@@ -435,18 +435,38 @@ std::string Legend() {
          "request) <span style=\"background:#212121\"></span>not judged</p>\n";
 }
 
+// The word in a fault matrix cell.
+const char* CellWord(const Trial& trial) {
+  switch (CellLetter(trial)) {
+    case 'N':
+      return "new";
+    case 'O':
+      return "old";
+    case 'M':
+      return "mixed";
+    case 'X':
+      return "no boot";
+    case '-':
+      return "\u2013";
+  }
+  return "?";
+}
+
 std::string MatrixSvg(const Result& result) {
   const Matrix matrix = FaultMatrix(result);
   const flashsim::ChipLayout& layout = result.baseline.old_chip.layout;
   const int cell_width = 90;
   const int cell_height = 22;
+  const int top = 34;  // below the two-line column heads: mtdN, then its name
   std::string svg;
   for (size_t c = 0; c < matrix.columns.size(); ++c) {
-    svg += Text(kLabelWidth + c * cell_width + cell_width / 2.0, 14,
-                DeviceLabel(layout, matrix.columns[c]), "text-anchor=\"middle\"");
+    const double x = kLabelWidth + c * cell_width + cell_width / 2.0;
+    const flashsim::PartitionLayout* partition = layout.Find(matrix.columns[c]);
+    svg += Text(x, 12, "mtd" + std::to_string(matrix.columns[c]), "text-anchor=\"middle\"");
+    if (partition != nullptr) svg += Text(x, 26, partition->name, "text-anchor=\"middle\"");
   }
   for (size_t r = 0; r < matrix.rows.size(); ++r) {
-    const double y = 20 + r * cell_height;
+    const double y = top + r * cell_height;
     svg += Text(0, y + 15, matrix.rows[r]);
     for (size_t c = 0; c < matrix.columns.size(); ++c) {
       const auto cell = matrix.cells.find({matrix.rows[r], matrix.columns[c]});
@@ -457,14 +477,11 @@ std::string MatrixSvg(const Result& result) {
                   trial.fault_lines.front() + ": result " + std::to_string(trial.status) + ", " +
                       VerdictText(trial) + "; FIS check: " +
                       (trial.check_problems.empty() ? "ok" : Join(trial.check_problems, "; ")));
-      const char* letter_text[] = {"new", "old", "mixed", "no boot", "\u2013", "?"};
-      const std::string letters = "NOMX-!";
-      const size_t which = letters.find(CellLetter(trial));
-      svg += Text(x + cell_width / 2.0, y + 15, letter_text[which == std::string::npos ? 5 : which],
+      svg += Text(x + cell_width / 2.0, y + 15, CellWord(trial),
                   "text-anchor=\"middle\" fill=\"#222\"");
     }
   }
-  return Svg(static_cast<int>(24 + matrix.rows.size() * cell_height), svg);
+  return Svg(static_cast<int>(top + 4 + matrix.rows.size() * cell_height), svg);
 }
 
 const char kStyle[] =
