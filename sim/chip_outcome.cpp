@@ -2,6 +2,8 @@
 
 #include <string.h>
 
+#include <algorithm>
+
 namespace campaign {
 
 namespace {
@@ -30,11 +32,18 @@ const uint8_t* ImageBytes(const ChipState& chip, const BootEntry& entry) {
   return chip.image.data() + start;
 }
 
+// Whether the boot loader, reading the entry's data length from its base,
+// gets the whole `wanted` image, followed by what followed that image on the
+// reference chip (a longer data length, as a partition restored whole or a
+// record not yet shortened leaves, loads the image and the same padding).
 bool HoldsImage(const ChipState& chip, const BootEntry& entry, const ChipState& reference,
                 const BootEntry* wanted) {
-  if (wanted == nullptr || ImageLength(entry) != ImageLength(*wanted)) return false;
+  if (wanted == nullptr || ImageLength(entry) < ImageLength(*wanted)) return false;
+  BootEntry reference_extent = *wanted;
+  reference_extent.data_length = ImageLength(entry);
+  reference_extent.size = std::max(wanted->size, ImageLength(entry));
   const uint8_t* found = ImageBytes(chip, entry);
-  const uint8_t* expected = ImageBytes(reference, *wanted);
+  const uint8_t* expected = ImageBytes(reference, reference_extent);
   return found != nullptr && expected != nullptr &&
          memcmp(found, expected, ImageLength(entry)) == 0;
 }

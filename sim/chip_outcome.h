@@ -6,10 +6,12 @@
 //
 // The boot loader looks where the FIS directory's records point (NOR chips;
 // the directory's own record is left out), or on an M-Systems flash disk at
-// the partitions of the driver's table. An image is complete when the first
-// data-length bytes there (the whole extent when the data length is 0 or
-// larger than the extent) equal the reference chip's image of the same name,
-// data length included.
+// the partitions of the driver's table. An image is complete when the data
+// length there (the whole extent when the data length is 0 or larger than the
+// extent) covers the reference chip's image of the same name, and the bytes
+// read equal that image followed by what followed it on the reference chip:
+// a record whose data length is still the longer old one, or a partition
+// restored whole, still gives the whole image.
 #ifndef SIM_CHIP_OUTCOME_H_
 #define SIM_CHIP_OUTCOME_H_
 

@@ -74,6 +74,10 @@ TEST(ClassifyChip, JudgesImagesWhereTheFisRecordsPoint) {
   // record holds the new bytes, and the root's first block is gone.
   ChipState rewritten = old_chip;
   std::fill_n(rewritten.image.begin(), kNewKernel.data_length, 'K');
+  // The new chip, its kernel record still giving a longer data length: the
+  // boot loader reads the new kernel and the erased bytes after it.
+  ChipState long_record = MakeChip({{"kernel", 0, 3 * kBlock, 0x2C00, 'K'}, kNewRoot});
+  std::fill_n(long_record.image.begin() + kNewKernel.data_length, 0x400, 0xFF);
   struct Case {
     const char* what;
     ChipState chip;
@@ -89,6 +93,7 @@ TEST(ClassifyChip, JudgesImagesWhereTheFisRecordsPoint) {
        "root / kernel", false},
       {"old kernel, new root", MakeChip({kOldKernel, kNewRoot}), Outcome::kMixed, "", "", true},
       {"root record lost", MakeChip({kOldKernel}), Outcome::kMixed, "root", "", false},
+      {"longer kernel record", long_record, Outcome::kMixed, "", "", true},
   };
   for (const Case& c : cases) {
     const campaign::ChipVerdict verdict = campaign::ClassifyChip(old_chip, new_chip, c.chip);
