@@ -1,6 +1,7 @@
 // Helpers of the sandbox for host files and host programs: reading and
 // writing whole files, directories and links, time-outs, and running a
-// program on the host to completion. Internal to the sandbox library.
+// program on the host to completion. Internal to the sandbox library and the
+// campaigns built on it.
 #ifndef SIM_SANDBOX_HOST_H_
 #define SIM_SANDBOX_HOST_H_
 
