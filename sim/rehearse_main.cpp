@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "lib/unique_fd.h"
+#include "sim/campaign_command.h"
 #include "sim/flash_state.h"
 #include "sim/sandbox.h"
 #include "sim/update_scenario.h"
@@ -29,6 +30,7 @@ namespace {
 
 const char kUsage[] =
     "usage: filebay-rehearse [OPTIONS]\n"
+    "       filebay-rehearse --campaign faults|power-cut [--points N] [OPTIONS]\n"
     "\n"
     "Rehearses one firmware update on a simulated appliance: builds a sandbox with\n"
     "a simulated flash chip and a running system, a sample update package in\n"
@@ -74,8 +76,27 @@ const char kUsage[] =
     "                   $TMPDIR or /tmp)\n"
     "  --updater PATH   the updater program to run (default: the simulator build)\n"
     "\n"
-    "Exit status: 0 when the update succeeded, 1 when it failed or the sandbox\n"
-    "could not be built or run, 2 for a bad command line.\n";
+    "Campaigns rehearse the same update many times, one thing going wrong each\n"
+    "time, as many at once as there are cores, and judge each chip against the\n"
+    "chip before the update and after a clean run: all new, all old or mixed\n"
+    "(with the partitions that hold neither a complete old nor a complete new\n"
+    "image, and `filebay-flash check` on the FIS directory), and whether the\n"
+    "board would boot. They print a summary and leave DIR/campaign.json and\n"
+    "DIR/report.html (flash maps, the clean run's operations as a timeline, the\n"
+    "outcomes); --dir DIR is the campaign's directory.\n"
+    "  --campaign faults     one trial per fault: every operation kind the\n"
+    "                        simulator can fail x every device x once and always,\n"
+    "                        a corrupted next write on every device, a worn block\n"
+    "                        at the start of every rewritten partition\n"
+    "  --campaign power-cut  a power cut after N operations, for N spread evenly\n"
+    "                        over the clean run and around its erases, first and\n"
+    "                        last writes and FIS entry updates; reports the window\n"
+    "                        in which the board would not boot\n"
+    "  --points N           power-cut: the evenly spread cuts (default 100)\n"
+    "\n"
+    "Exit status: 0 when the update succeeded (a campaign: every trial was\n"
+    "judged), 1 when it failed or the sandbox could not be built or run, 2 for a\n"
+    "bad command line.\n";
 
 struct Options {
   std::string board = "nor8";
@@ -86,6 +107,8 @@ struct Options {
   std::string dir;
   std::string updater = UPDATER_SIM_PROGRAM;
   sandbox::GivenFiles given;
+  std::string campaign;  // "faults", "power-cut" or empty
+  size_t points = 100;
 };
 
 int Usage(const std::string& error) {
@@ -131,6 +154,10 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
       options->given.settings = value;
     } else if (option == "--factory-settings") {
       options->given.factory_settings = value;
+    } else if (option == "--campaign") {
+      options->campaign = value;
+    } else if (option == "--points") {
+      options->points = strtoul(value.c_str(), nullptr, 10);
     } else {
       *error = "unknown option " + option;
       return false;
@@ -138,6 +165,15 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
   }
   if (options->board != "nor8" && options->board != "junior6" && options->board != "msys") {
     *error = "board must be nor8, junior6 or msys";
+    return false;
+  }
+  if (!options->campaign.empty() && options->campaign != "faults" &&
+      options->campaign != "power-cut") {
+    *error = "campaign must be faults or power-cut";
+    return false;
+  }
+  if (options->points == 0) {
+    *error = "--points must be a number above 0";
     return false;
   }
   if (!sandbox::CheckGivenFiles(options->given, error)) return false;
@@ -158,10 +194,10 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
   return true;
 }
 
-std::string NewSandboxDir() {
+std::string NewSandboxDir(const char* kind) {
   const char* base = getenv("TMPDIR");
-  std::string pattern =
-      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/filebay-rehearsal-XXXXXX";
+  std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") +
+                        "/filebay-" + kind + "-XXXXXX";
   if (mkdtemp(pattern.data()) == nullptr) return "";
   return pattern;
 }
@@ -252,12 +288,19 @@ bool ParseProgress(const std::string& record, char* letter, int* value) {
   return true;
 }
 
-void DrawProgress(char letter, int value, bool terminal) {
-  static const char* const kStages = "APCR";
+// The share of the whole run a record stands for: A, P and C are its first
+// three quarters by their percentages; R carries the result code, so R:0
+// (success) is the whole run and a failure leaves the bar where it was.
+int OverallPercent(char letter, int value, int previous) {
+  if (letter == 'R') return value == 0 ? 100 : previous;
+  static const char* const kStages = "APC";
   const char* stage = strchr(kStages, letter);
   const int stage_index = stage != nullptr ? static_cast<int>(stage - kStages) : 0;
   const int percent = value < 0 ? 0 : (value > 100 ? 100 : value);
-  const int overall = (stage_index * 100 + percent) / 4;
+  return (stage_index * 100 + percent) / 4;
+}
+
+void DrawProgress(char letter, int value, int overall, bool terminal) {
   const int width = 40;
   const int filled = overall * width / 100;
   printf("%s[%s%s] %3d%%  %c:%d", terminal ? "\r" : "", std::string(filled, '#').c_str(),
@@ -278,7 +321,10 @@ class ProgressDisplay {
     if (!box_.ReadRootFile(kProgressFile, &record) || record == last_) return;
     char letter;
     int value;
-    if (ParseProgress(record, &letter, &value)) DrawProgress(letter, value, terminal_);
+    if (ParseProgress(record, &letter, &value)) {
+      overall_ = OverallPercent(letter, value, overall_);
+      DrawProgress(letter, value, overall_, terminal_);
+    }
     last_ = record;
   }
 
@@ -286,6 +332,7 @@ class ProgressDisplay {
   const sandbox::Sandbox& box_;
   const bool terminal_;
   std::string last_;
+  int overall_ = 0;
 };
 
 // An inotify watch on the root's /tmp, so that each rewrite of the progress
@@ -385,6 +432,26 @@ std::string FlashLine(const sandbox::Scenario& scenario) {
   return "made from " + scenario.layout_file;
 }
 
+// The campaign of --campaign on the scenario a single rehearsal would run.
+int RunCampaign(const Options& options, const sandbox::Scenario& scenario,
+                const sandbox::Tools& tools, const std::vector<std::string>& argv) {
+  campaign::Setup setup;
+  setup.kind = options.campaign == "faults" ? campaign::Kind::kFaults : campaign::Kind::kPowerCut;
+  setup.title = "board " + options.board + PlanNote(options) +
+                (options.group ? ", group update" : "") + "; package: " +
+                PackageLine(options, scenario) + "; flash: " + FlashLine(scenario);
+  setup.scenario = scenario;
+  setup.tools = tools;
+  setup.argv = argv;
+  setup.points = options.points;
+  setup.dir = options.dir.empty() ? NewSandboxDir("campaign") : options.dir;
+  if (setup.dir.empty()) {
+    fprintf(stderr, "filebay-rehearse: cannot make a campaign directory: %s\n", strerror(errno));
+    return 1;
+  }
+  return campaign::RunCampaignCommand(setup);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -403,7 +470,10 @@ int main(int argc, char** argv) {
   }
   sandbox::Scenario scenario;
   if (!BuildScenario(options, &scenario, &error)) return Usage(error);
-  if (options.dir.empty()) options.dir = NewSandboxDir();
+  std::vector<std::string> argv_run = {std::string(sandbox::kPackageDir) + "/updater"};
+  if (options.group) argv_run.push_back("-g");
+  if (!options.campaign.empty()) return RunCampaign(options, scenario, tools, argv_run);
+  if (options.dir.empty()) options.dir = NewSandboxDir("rehearsal");
   if (options.dir.empty()) {
     fprintf(stderr, "filebay-rehearse: cannot make a sandbox directory: %s\n", strerror(errno));
     return 1;
@@ -421,8 +491,6 @@ int main(int argc, char** argv) {
   printf("package: %s\n", PackageLine(options, scenario).c_str());
   printf("flash: %s\n", FlashLine(scenario).c_str());
   fflush(stdout);
-  std::vector<std::string> argv_run = {std::string(sandbox::kPackageDir) + "/updater"};
-  if (options.group) argv_run.push_back("-g");
   const sandbox::RunResult result = RunWithProgress(box.get(), argv_run);
   if (!result.ok) {
     fprintf(stderr, "filebay-rehearse: the sandbox failed: %s\n", result.error.c_str());

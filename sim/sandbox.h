@@ -183,6 +183,10 @@ class Sandbox {
   // Reopens a sandbox made by Create (possibly by another process).
   static std::unique_ptr<Sandbox> Open(const std::string& dir, const Tools& tools,
                                        std::string* error);
+  // Copies this sandbox (root, flash state, sandbox.conf; `cp -a`) into
+  // `dir`, which must not exist or be empty, and opens the copy: a second
+  // sandbox without building a root again. Not while this one runs.
+  std::unique_ptr<Sandbox> Clone(const std::string& dir, std::string* error) const;
 
   // Removes the directory unless it is to be kept (see Destroy).
   ~Sandbox();
