@@ -174,8 +174,13 @@ void OldBlockCounts(const unsigned char* records, int count,
   }
 }
 
+// The stage the last progress record named: a roll-back after a failed
+// migration reports under 'C', not back under 'P'.
+char g_stage = 'P';
+
 void SetStage(char* letter, char stage, int value) {
   *letter = stage;
+  g_stage = stage;
   UPDTSetProgress(stage, value);
 }
 
@@ -363,7 +368,7 @@ int UPDTMSysRollBack(const unsigned char* records, int count, int repartitioned)
     char name[FIS_NAME_SIZE + 1];
     UPDTFisName(records + static_cast<size_t>(i) * FIS_RECORD_SIZE, name);
     if (!WritePartition(BackupPath(name), i, __func__, false)) return -1;
-    UPDTSetProgress('P', kFirstWriteProgress + kWriteProgressStep * i);
+    UPDTSetProgress(g_stage, kFirstWriteProgress + kWriteProgressStep * i);
     syslog(LOG_INFO, "%s: Finish updating [%s]", __func__, name);
   }
   return 0;

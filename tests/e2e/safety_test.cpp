@@ -128,7 +128,16 @@ INSTANTIATE_TEST_SUITE_P(Faults, SafetyRollBackTest,
                              // erased by the grown kernel, still comes back.
                              RollBackRow{"fault set-extent mtd2 every errno=EIO", true, true},
                              // Nothing was erased before the patch failed: nothing to restore.
-                             RollBackRow{"fault unlock mtd3 nth=1 errno=EIO", false, false}));
+                             RollBackRow{"fault unlock mtd3 nth=1 errno=EIO", false, false}),
+                         [](const ::testing::TestParamInfo<RollBackRow>& info) {
+                           // "fault set-fis mtd7 every errno=EIO" -> "set_fis_mtd7_every"
+                           std::string name = std::string(info.param.fault).substr(6);
+                           name = name.substr(0, name.find(" errno"));
+                           for (char& c : name) {
+                             if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+                           }
+                           return name;
+                         });
 
 TEST_F(SafetyTest, StoredMtuComesBackWhenTheLinkCouldNotBeSet) {
   // Without "eth0" the MTU call fails but still stores 1500.
