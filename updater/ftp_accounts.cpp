@@ -40,8 +40,47 @@ struct FreeDeleter {
   void operator()(void* block) const { free(block); }
 };
 
-bool GroupExists(const char* name) { return getgrnam(name) != nullptr; }
-bool UserExists(const char* name) { return getpwnam(name) != nullptr; }
+struct FcloseDeleter {
+  void operator()(FILE* file) const { fclose(file); }
+};
+
+// The accounts are looked up in "/etc/group" and "/etc/passwd" themselves,
+// not through getgrnam/getpwnam: the appliance's static program must not need
+// the C library's name-service modules at run time. An unreadable file has no
+// accounts, as for the name service.
+bool FindGroup(const char* name, gid_t* gid) {
+  std::unique_ptr<FILE, FcloseDeleter> file(fopen(kGroupFile, "r"));
+  if (!file) return false;
+  while (const struct group* entry = fgetgrent(file.get())) {
+    if (strcmp(entry->gr_name, name) == 0) {
+      *gid = entry->gr_gid;
+      return true;
+    }
+  }
+  return false;
+}
+
+bool FindUser(const char* name, uid_t* uid) {
+  std::unique_ptr<FILE, FcloseDeleter> file(fopen(kPasswdFile, "r"));
+  if (!file) return false;
+  while (const struct passwd* entry = fgetpwent(file.get())) {
+    if (strcmp(entry->pw_name, name) == 0) {
+      *uid = entry->pw_uid;
+      return true;
+    }
+  }
+  return false;
+}
+
+bool GroupExists(const char* name) {
+  gid_t gid;
+  return FindGroup(name, &gid);
+}
+
+bool UserExists(const char* name) {
+  uid_t uid;
+  return FindUser(name, &uid);
+}
 
 // The first "<base><n>" (n from 1 to `last`) that `taken` does not know, in
 // a `kNameSize` buffer; false when all are taken.
@@ -57,8 +96,8 @@ bool FirstFreeName(const char* base, int last, bool (*taken)(const char*), char*
 // Renames the user-created group "ftp" out of the way. -1 only when no name
 // is free or the group cannot be fetched.
 int RenameConflictGroup() {
-  const struct group* existing = getgrnam(kFtpName);
-  if (existing == nullptr || existing->gr_gid <= UPDT_SYSTEM_ID_MAX) return 0;
+  gid_t gid;
+  if (!FindGroup(kFtpName, &gid) || gid <= UPDT_SYSTEM_ID_MAX) return 0;
   char new_name[kNameSize] = {0};
   if (!FirstFreeName(kFtpName, kGroupSuffixMax, GroupExists, new_name)) return -1;
 
@@ -114,8 +153,8 @@ bool AddSystemUser(const char* name, const char* passwd_line, const char* shadow
 
 int UPDTRenameConflictUser(const char* name) {
   if (name == nullptr) return -1;
-  const struct passwd* existing = getpwnam(name);
-  if (existing == nullptr || existing->pw_uid <= UPDT_SYSTEM_ID_MAX) return 0;
+  uid_t uid;
+  if (!FindUser(name, &uid) || uid <= UPDT_SYSTEM_ID_MAX) return 0;
   char new_name[kNameSize] = {0};
   if (!FirstFreeName(name, kUserSuffixMax, UserExists, new_name)) return -1;
 
