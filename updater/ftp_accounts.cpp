@@ -48,28 +48,26 @@ struct FcloseDeleter {
 // not through getgrnam/getpwnam: the appliance's static program must not need
 // the C library's name-service modules at run time. An unreadable file has no
 // accounts, as for the name service.
-bool FindGroup(const char* name, gid_t* gid) {
-  std::unique_ptr<FILE, FcloseDeleter> file(fopen(kGroupFile, "r"));
+template <typename Entry, typename Id>
+bool FindAccount(const char* path, Entry* (*next)(FILE*), char* Entry::*name_of, Id Entry::*id_of,
+                 const char* name, Id* id) {
+  std::unique_ptr<FILE, FcloseDeleter> file(fopen(path, "r"));
   if (!file) return false;
-  while (const struct group* entry = fgetgrent(file.get())) {
-    if (strcmp(entry->gr_name, name) == 0) {
-      *gid = entry->gr_gid;
+  while (const Entry* entry = next(file.get())) {
+    if (strcmp(entry->*name_of, name) == 0) {
+      *id = entry->*id_of;
       return true;
     }
   }
   return false;
 }
 
+bool FindGroup(const char* name, gid_t* gid) {
+  return FindAccount(kGroupFile, fgetgrent, &group::gr_name, &group::gr_gid, name, gid);
+}
+
 bool FindUser(const char* name, uid_t* uid) {
-  std::unique_ptr<FILE, FcloseDeleter> file(fopen(kPasswdFile, "r"));
-  if (!file) return false;
-  while (const struct passwd* entry = fgetpwent(file.get())) {
-    if (strcmp(entry->pw_name, name) == 0) {
-      *uid = entry->pw_uid;
-      return true;
-    }
-  }
-  return false;
+  return FindAccount(kPasswdFile, fgetpwent, &passwd::pw_name, &passwd::pw_uid, name, uid);
 }
 
 bool GroupExists(const char* name) {
