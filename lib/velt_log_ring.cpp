@@ -83,7 +83,8 @@ bool FileSize(int fd, uint32_t* size) {
     SLIBCErrSet(SLIB_ERR_READ);
     return false;
   }
-  *size = static_cast<uint32_t>(std::min<off_t>(status.st_size, UINT32_MAX));
+  // Compared as 64-bit: a 32-bit off_t would turn UINT32_MAX into -1.
+  *size = static_cast<uint32_t>(std::min<int64_t>(status.st_size, UINT32_MAX));
   return true;
 }
 

@@ -2,8 +2,8 @@
 // ones, and the records they carry: one definition for the programs that
 // make the requests and for the flash simulator that answers them. Request
 // numbers are built with the kernel's macros so that they are right on every
-// architecture; on the appliance (32-bit PowerPC) they are checked against
-// the drivers' numbers.
+// architecture; for the appliance (32-bit PowerPC) they are checked against
+// the drivers' numbers, in the appliance build that scripts/test runs.
 #ifndef SDK_FLASH_DRIVER_REQUESTS_H_
 #define SDK_FLASH_DRIVER_REQUESTS_H_
 

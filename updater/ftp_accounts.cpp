@@ -41,8 +41,45 @@ struct FreeDeleter {
   void operator()(void* block) const { free(block); }
 };
 
-bool GroupExists(const char* name) { return getgrnam(name) != nullptr; }
-bool UserExists(const char* name) { return getpwnam(name) != nullptr; }
+struct FcloseDeleter {
+  void operator()(FILE* file) const { fclose(file); }
+};
+
+// The accounts are looked up in "/etc/group" and "/etc/passwd" themselves,
+// not through getgrnam/getpwnam: the appliance's static program must not need
+// the C library's name-service modules at run time. An unreadable file has no
+// accounts, as for the name service.
+template <typename Entry, typename Id>
+bool FindAccount(const char* path, Entry* (*next)(FILE*), char* Entry::*name_of, Id Entry::*id_of,
+                 const char* name, Id* id) {
+  std::unique_ptr<FILE, FcloseDeleter> file(fopen(path, "r"));
+  if (!file) return false;
+  while (const Entry* entry = next(file.get())) {
+    if (strcmp(entry->*name_of, name) == 0) {
+      *id = entry->*id_of;
+      return true;
+    }
+  }
+  return false;
+}
+
+bool FindGroup(const char* name, gid_t* gid) {
+  return FindAccount(kGroupFile, fgetgrent, &group::gr_name, &group::gr_gid, name, gid);
+}
+
+bool FindUser(const char* name, uid_t* uid) {
+  return FindAccount(kPasswdFile, fgetpwent, &passwd::pw_name, &passwd::pw_uid, name, uid);
+}
+
+bool GroupExists(const char* name) {
+  gid_t gid;
+  return FindGroup(name, &gid);
+}
+
+bool UserExists(const char* name) {
+  uid_t uid;
+  return FindUser(name, &uid);
+}
 
 // The first "<base><n>" (n from 1 to `last`) that `taken` does not know, in
 // a `kNameSize` buffer; false when all are taken.
@@ -58,8 +95,8 @@ bool FirstFreeName(const char* base, int last, bool (*taken)(const char*), char*
 // Renames the user-created group "ftp" out of the way. -1 only when no name
 // is free or the group cannot be fetched.
 int RenameConflictGroup() {
-  const struct group* existing = getgrnam(kFtpName);
-  if (existing == nullptr || existing->gr_gid <= UPDT_SYSTEM_ID_MAX) return 0;
+  gid_t gid;
+  if (!FindGroup(kFtpName, &gid) || gid <= UPDT_SYSTEM_ID_MAX) return 0;
   char new_name[kNameSize] = {0};
   if (!FirstFreeName(kFtpName, kGroupSuffixMax, GroupExists, new_name)) return -1;
 
@@ -115,8 +152,8 @@ bool AddSystemUser(const char* name, const char* passwd_line, const char* shadow
 
 int UPDTRenameConflictUser(const char* name) {
   if (name == nullptr) return -1;
-  const struct passwd* existing = getpwnam(name);
-  if (existing == nullptr || existing->pw_uid <= UPDT_SYSTEM_ID_MAX) return 0;
+  uid_t uid;
+  if (!FindUser(name, &uid) || uid <= UPDT_SYSTEM_ID_MAX) return 0;
   char new_name[kNameSize] = {0};
   if (!FirstFreeName(name, kUserSuffixMax, UserExists, new_name)) return -1;
 

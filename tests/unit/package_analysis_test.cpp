@@ -542,6 +542,12 @@ TEST_F(PackageAnalysis, UpdateListWithDependencyIsRefusedAsPartial) {
   EXPECT_EQ("Partial", FlagsText());
   EXPECT_EQ(std::vector<std::string>{}, LoggedErrorLines());
   EXPECT_FALSE(FileExists(kUpdateLog));
+
+  // A file of 4 GiB (sparse) is present on a 32-bit board too: its size
+  // neither overflows stat nor wraps to 0.
+  const std::string dependency = std::string(kWorkDir) + "/DEPENDENCY";
+  ASSERT_EQ(0, truncate(dependency.c_str(), static_cast<off_t>(int64_t{1} << 32)));
+  EXPECT_EQ(6, ErrUPDTIAnalyze());
 }
 
 TEST_F(PackageAnalysis, UpdateListWithoutDependencyIsRefusedWith13) {
