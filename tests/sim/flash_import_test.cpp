@@ -67,6 +67,8 @@ TEST(FlashImport, DamagedDumpIsRefusedWithItsProblemAndLeavesNothing) {
       {"chip.img", kDirectory + 7 * 256 + 16, std::string(2, '\0'), "0xFF800000",
        "no FIS directory: no erase block holds a \"FIS Directory\" record that gives the "
        "block's own address"},
+      {"chip.img", 0x7E0000, std::string("FIS Directory\0\0\0\xFF\xFE\0\0", 20), "0xFF800000",
+       "more than one FIS directory, at 0xFFFE0000 0xFFFF0000"},
       {"chip.img", kDirectory + 5 * 256, std::string("config\0", 7), "0xFF800000",
        "which matches neither board family"},
       {"chip.img", kDirectory + 256 + 24 + 2, "\x01", "0xFF800000",
