@@ -1,9 +1,10 @@
 // The offline command filebay-flash on throwaway state directories: create,
-// fis, check, dump and diff, run as the built program.
+// fis, check, diff, dump and import, run as the built program.
 #include <gtest/gtest.h>
 #include <string.h>
 #include <sys/stat.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -55,7 +56,7 @@ std::string Create(const TempDir& dir, const std::string& name, const std::strin
   return dir.File(name);
 }
 
-TEST(FilebayFlash, CreateBuildsTheWholeChipAndFisListsItsDirectory) {
+TEST(FilebayFlash, CreateBuildsTheWholeChipFromTheLayout) {
   TempDir dir;
   std::string blob(0x1801, '\0');
   for (size_t i = 0; i < blob.size(); ++i) blob[i] = static_cast<char>(i * 7 + 3);
@@ -84,15 +85,6 @@ TEST(FilebayFlash, CreateBuildsTheWholeChipAndFisListsItsDirectory) {
       FisRecord("FIS Directory", 0x20007000, 0x20007000, 0x1000, 0, 0x500);
   expected.replace(0x7000, directory.size(), directory);
   EXPECT_TRUE(ReadFile(state + "/chip.img") == expected) << "chip.img differs";
-  std::string listed;
-  EXPECT_EQ(Tool(dir, {"fis", state}, &listed), 0);
-  EXPECT_EQ(listed,
-            "Name              FLASH addr  Mem addr    Length      Entry point\n"
-            "boot              0x20000000  0x20000000  0x00001000  0x00000000\n"
-            "kernel            0x20001000  0x00100000  0x00002000  0x00100040\n"
-            "root              0x20003000  0x20003000  0x00001000  0x00000000\n"
-            "blob              0x20004000  0x20004000  0x00002000  0x00000000\n"
-            "FIS Directory     0x20007000  0x20007000  0x00001000  0x00000000\n");
 }
 
 // Each row damages a fresh state (a layout edit, bytes written into chip.img)
@@ -104,7 +96,6 @@ TEST(FilebayFlash, CheckReportsEachInconsistency) {
     std::string bytes, report;
   } rows[] = {
       {"nor8", "", "", 0, "", "ok\n"},
-      {"msys", "", "", 0, "", "ok\n"},
       {"nor8", "rd.gz 0xFF980000 0x00280000", "rd.gz 0xFF980000 0x00290000", 0x7F0218,
        BigEndian(0x290000),
        "mtd2 \"rd.gz\" at 0xFF980000 size 0x00290000 overlaps mtd3 \"AllLib.tgz\" at 0xFFC00000 "
@@ -168,21 +159,116 @@ TEST(FilebayFlash, DiffReportsLayoutLocksAndChangedBlocksByPartition) {
             "(flash 0xFFEF0000-0xFFEFFFFF)\n");
 }
 
-TEST(FilebayFlash, RefusesWhatItCannotDo) {
+// Layout rows "statements > message", appended to a valid geometry unless
+// they start with '!'; then state files that disagree with the layout.
+TEST(FilebayFlash, MalformedLayoutsAndStatesAreRefusedNamingTheProblem) {
+  const std::string rows =
+      "bogus 1 > line 5: unknown statement \"bogus\"|"
+      "!kind nor\nchip-size 0x100000000\n > line 2: bad number|"
+      "!chip-size 1 2\n > line 1: chip-size takes one value|"
+      "!chip-size 0x48000\nerase-size 0x10000\n > line 1: chip-size is not a whole number|"
+      "!chip-base 0xFFFF0000\nchip-size 0x20000\nerase-size 0x10000\n > line 2: the chip runs past|"
+      "partition 0 a 0x1000000 0x10000\npartition 0 b 0x1010000 0x10000\n > line 6: duplicate|"
+      "partition 0 a 0x1000000 0x10000 fill=1 image=x\n > image=, fill= and pattern= exclude|"
+      "partition 3 a 0x1030000 0x20000\n > line 5: partition 3 lies outside the chip|"
+      "partition 0 a 0x1000800 0x10000\n > line 5: partition 0 is not aligned to erase blocks|"
+      "fis-device 4\npartition 0 a 0x1000000 0x10000\n > line 5: fis-device 4 names no partition|"
+      "partition 0 \"open 0x1000000 0x10000\n > line 5: unterminated quote|"
+      "!kind nor\nchip-base 0\nchip-size 0x2000\nerase-size 0x400\n"
+      "partition 0 a 0 0x400\npartition 2 b 0x400 0x400\npartition 3 c 0x800 0x400\npartition 1 "
+      "\"FIS Directory\" 0x1C00 0x400\n > the FIS directory does not fit in mtd1";
+  TempDir dir;
+  std::istringstream table(rows);
+  std::string output;
+  for (std::string row; std::getline(table, row, '|');) {
+    const size_t split = row.find(" > ");
+    WriteFile(dir.File("bad.layout"),
+              row[0] == '!' ? row.substr(1, split - 1)
+                            : "kind nor\nchip-base 0x1000000\nchip-size 0x40000\nerase-size "
+                              "0x10000\n" +
+                                  row.substr(0, split));
+    EXPECT_EQ(Tool(dir, {"create", dir.File("bad"), dir.File("bad.layout")}, &output), 3) << row;
+    EXPECT_NE(output.find(row.substr(split + 3)), std::string::npos) << output;
+    EXPECT_FALSE(FileExists(dir.File("bad")));
+  }
+  const char* const damage[][3] = {
+      {"locks", "00000000000000000000000000000000\n", "Name"},  // a final newline is fine
+      {"chip.img", "\xFF", "holds 1 bytes, the layout says 2097152"},
+      {"locks", "010", "3 lock bits for 32 erase blocks"},
+      {"locks", "0000000000000000000000000000000x", "lock bit 31 is neither"},
+      {"layout", "kind nor\nchip-size 0x4000\n", "layout: missing erase-size"},
+  };
+  for (const auto& row : damage) {
+    WriteFile(Create(dir, "junior6") + "/" + row[0], row[1]);
+    EXPECT_EQ(Tool(dir, {"fis", dir.File("junior6")}, &output), &row == &damage[0] ? 0 : 3);
+    EXPECT_NE(output.find(row[2]), std::string::npos) << output;
+  }
+}
+
+TEST(FilebayFlash, RefusesWrongUse) {
   TempDir dir;
   std::string output;
-  WriteFile(dir.File("full.layout"),  // four records fill the block: no room for the end
-            "kind nor\nchip-base 0\nchip-size 0x2000\nerase-size 0x400\npartition 0 a 0 0x400\n"
-            "partition 2 b 0x400 0x400\npartition 3 c 0x800 0x400\n"
-            "partition 1 \"FIS Directory\" 0x1C00 0x400\n");
-  EXPECT_EQ(Tool(dir, {"create", dir.File("full"), dir.File("full.layout")}, &output), 3);
-  EXPECT_NE(output.find("the FIS directory does not fit in mtd1"), std::string::npos) << output;
-  EXPECT_FALSE(FileExists(dir.File("full")));
   EXPECT_EQ(Tool(dir, {"fis", Create(dir, "msys")}, &output), 3);
   EXPECT_NE(output.find("msys chip has no FIS directory"), std::string::npos) << output;
   EXPECT_EQ(Tool(dir, {"create", "x"}, &output), 2);
   EXPECT_NE(output.find("usage: filebay-flash"), std::string::npos);
   EXPECT_EQ(Tool(dir, {"--help"}), 0);
+}
+
+// A state dumped whole (chip.img, or the flash disk's partitions and table)
+// and imported again is the same state.
+TEST(FilebayFlash, DumpThenImportGivesBackTheSameState) {
+  const std::vector<std::string> imports[] = {
+      {"nor8", "import", "out/chip.img", "--base", "0xFF800000"},
+      {"junior6", "import", "out/chip.img", "--base", "0xFFE00000", "--erase-size", "65536"},
+      {"msys", "import-msys", "out"}};
+  for (std::vector<std::string> import : imports) {
+    TempDir dir;
+    const std::string a = Create(dir, import[0]);
+    std::string output;
+    ASSERT_EQ(Tool(dir, {"dump", a, dir.File("out")}), 0);
+    import[0] = import[1];
+    import[1] = dir.File("b");
+    import[2] = dir.File(import[2]);
+    ASSERT_EQ(Tool(dir, import, &output), 0) << output;
+    for (const std::string file : {"layout", "chip.img", "locks", "trace.log"}) {
+      EXPECT_TRUE(ReadFile(a + "/" + file) == ReadFile(dir.File("b/" + file))) << file;
+    }
+  }
+}
+
+// Each kind of damage to nor8's dump (its FIS directory at 0x7F0000) or to
+// the flash disk's files is refused with its problem, and no state is made.
+TEST(FilebayFlash, DamagedDumpIsRefusedWithItsProblemAndLeavesNothing) {
+  const struct {
+    const char* file;
+    size_t at;  // where `bytes` go; with no bytes, the file is cut to `at` bytes
+    std::string bytes;
+    const char* problem;
+  } rows[] = {
+      {"chip.img", 0x7FFFFF, "",
+       "the dump's 8388607 bytes are not a whole number of erase blocks of 0x00010000"},
+      {"chip.img", 0x7E0000, std::string("FIS Directory\0\0\0\xFF\xFE\0\0", 20),
+       "more than one FIS directory, at 0xFFFE0000 0xFFFF0000"},
+      {"chip.img", 0x7F0500, std::string("config\0", 7), "which matches neither board family"},
+      {"table", 63, "", "table holds 63 bytes, not 64"},
+      {"mtd3", 0x10000, "",
+       "partition 3 (\"AllLib.tgz\"): its image holds 65536 bytes, the table says 0x00A00000"},
+  };
+  for (const auto& row : rows) {
+    TempDir dir;
+    const bool nor = row.file == std::string("chip.img");
+    ASSERT_EQ(Tool(dir, {"dump", Create(dir, nor ? "nor8" : "msys"), dir.File("out")}), 0);
+    const std::string path = dir.File(std::string("out/") + row.file);
+    std::string content = ReadFile(path), output;
+    if (row.bytes.empty()) content.resize(row.at);
+    WriteFile(path, content.replace(row.at, row.bytes.size(), row.bytes));
+    EXPECT_EQ(nor ? Tool(dir, {"import", dir.File("b"), path, "--base", "0xFF800000"}, &output)
+                  : Tool(dir, {"import-msys", dir.File("b"), dir.File("out")}, &output),
+              1);
+    EXPECT_NE(output.find(row.problem), std::string::npos) << output;
+    EXPECT_FALSE(FileExists(dir.File("b")));
+  }
 }
 
 }  // namespace
