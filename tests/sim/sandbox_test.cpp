@@ -1,17 +1,14 @@
 // Appliance sandboxes: the root a scenario builds, commands run in it with
-// stubs and syslog, isolation from the host, flash through /dev/mtdN, keeping
-// and removing, and the command filebay-sandbox.
+// stubs and syslog, isolation from the host, removal, and the command
+// filebay-sandbox. Flash through /dev/mtdN is what every end-to-end run uses.
 #include "sim/sandbox.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
-#include <stdlib.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -88,8 +85,8 @@ TEST_F(SandboxTest, ScenarioRootStubsSyslogAndIsolationFromTheHost) {
   EXPECT_NE(unlink(("/usr/lib/" + name).c_str()), 0);  // the library directories are read-only
   EXPECT_FALSE(MountedOnHost());
 
-  sandbox::RunOptions options;
   EXPECT_TRUE(sandbox_test::ProgramMessages(Shell("exit 0"), "first").empty());  // per run
+  sandbox::RunOptions options;
   options.timeout_seconds = 1;
   const RunResult timed_out = Shell("sleep 30", options);
   EXPECT_TRUE(timed_out.timed_out);
