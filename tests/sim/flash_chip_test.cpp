@@ -1,6 +1,6 @@
 // The chip model behind the simulator: NOR programming and erase, lock bits,
-// partition extents, the FIS directory rewrite, fault injection and the flash
-// disk's requests, with a randomized comparison against an independent model.
+// partition extents, the FIS directory rewrite, fault injection and the control
+// file, with a randomized comparison against an independent model.
 #include "sim/flash_chip.h"
 
 #include <errno.h>
