@@ -24,194 +24,86 @@ constexpr char kHardwareVersion[] = "/proc/sys/kernel/velt_hw_version";
 // The hardware version file belongs to the appliance's kernel. In the
 // throwaway root a small file system over /proc/sys stands in for it; the
 // process entries of /proc stay the host's.
-std::string PrepareHardwareVersionDirectory() {
+std::string EnterRootWithHardwareVersionDirectory() {
   static const std::string why = [] {
-    if (mount("tmpfs", "/proc/sys", "tmpfs", 0, "mode=755") != 0) {
-      return std::string("cannot mount over /proc/sys: ") + strerror(errno);
-    }
-    if (mkdir("/proc/sys/kernel", 0755) != 0) {
-      return std::string("cannot create /proc/sys/kernel: ") + strerror(errno);
+    const std::string root = testing_support::EnterThrowawayRoot();
+    if (!root.empty()) return root;
+    if (mount("tmpfs", "/proc/sys", "tmpfs", 0, "mode=755") != 0 ||
+        mkdir("/proc/sys/kernel", 0755) != 0) {
+      return std::string("cannot stand in for /proc/sys/kernel: ") + strerror(errno);
     }
     return std::string();
   }();
   return why;
 }
 
-void SetUnique(const std::string& unique) {
-  WriteFile(kFactorySettings, "company=\"Filebay\"\nunique=\"" + unique + "\"\nmodel=\"FB-1\"\n");
-}
-
-class PlatformIdentity : public ::testing::Test {
- protected:
-  void SetUp() override {
-    std::string why = testing_support::EnterThrowawayRoot();
-    if (why.empty()) why = PrepareHardwareVersionDirectory();
-    if (!why.empty()) GTEST_SKIP() << why;
-    mkdir("/etc.defaults", 0755);
-    unlink(kFactorySettings);
+TEST(PlatformIdentity, JuniorByUniqueValueThenByHardwareVersion) {
+  const std::string why = EnterRootWithHardwareVersionDirectory();
+  if (!why.empty()) GTEST_SKIP() << why;
+  mkdir("/etc.defaults", 0755);
+  const struct {
+    const char* unique;    // null: no "unique" key in the settings
+    const char* hardware;  // null: no hardware version file
+    int junior;
+  } kCases[] = {
+      // "sdkdebug" at the start or "_junior" at the end decides alone
+      {"sdkdebug", "1.0\n", 1}, {"x_junior", nullptr, 1}, {"xsdkdebug", nullptr, 0},
+      {"velt_junior_x", nullptr, 0}, {"velt_Junior", nullptr, 0},
+      // six characters or fewer are never junior
+      {"junior", "2.0-j\n", 0}, {"", "2.0-j\n", 0}, {nullptr, "2.0-j\n", 0},
+      // otherwise the first line of the hardware version, less its last character
+      {"abcdefg", "2.0-j\n", 1}, {"velt_powerpc", "-j\n", 1}, {"velt_powerpc", "2.0-J\n", 0},
+      {"velt_powerpc", "2.0j\n", 0}, {"velt_powerpc", "2.0-jx\n", 0},
+      {"velt_powerpc", "2.0\n2.0-j\n", 0}, {"velt_powerpc", "2.0-jx", 1},
+      {"velt_powerpc", "", 0}, {"velt_powerpc", nullptr, 0}};
+  for (const auto& row : kCases) {
     unlink(kHardwareVersion);
-  }
-};
-
-// ---------------------------------------------------------------- board family
-
-struct JuniorCase {
-  const char* unique;    // null: no "unique" key in the settings
-  const char* hardware;  // null: no hardware version file
-  int expected;
-};
-
-const JuniorCase kJuniorCases[] = {
-    // the unique value alone decides
-    {"sdkdebugx", nullptr, 1},
-    {"sdkdebugx", "2.0-J\n", 1},
-    {"sdkdebugx", "1.0\n", 1},
-    {"sdkdebug", nullptr, 1},
-    {"velt_powerpc_junior", nullptr, 1},
-    {"velt_powerpc_junior", "2.0\n", 1},
-    {"x_junior", nullptr, 1},
-    // six characters or fewer are never junior
-    {"junior", "2.0-j\n", 0},
-    {"_junio", "2.0-j\n", 0},
-    {"sdkdeb", "2.0-j\n", 0},
-    {"", "2.0-j\n", 0},
-    // "sdkdebug" only at the start, "_junior" only at the end
-    {"xsdkdebug", nullptr, 0},
-    {"velt_junior_x", nullptr, 0},
-    {"velt_powerpc_Junior", nullptr, 0},
-    // otherwise the hardware version decides
-    {"velt_powerpc", "2.0-j\n", 1},
-    {"velt_powerpc", "-j\n", 1},
-    {"velt_powerpc", "2.0-J\n", 0},
-    {"velt_powerpc", "j\n", 0},
-    {"velt_powerpc", "2.0-jx\n", 0},
-    {"velt_powerpc", "2.0\n", 0},
-    {"velt_powerpc", "2.0-j\nsecond line\n", 1},
-    {"velt_powerpc", "2.0\n2.0-j\n", 0},
-    {"velt_powerpc", "2.0-jx", 1},  // the line's last character goes, line feed or not
-    {"velt_powerpc", "", 0},
-    {"velt_powerpc", nullptr, 0},
-};
-
-TEST_F(PlatformIdentity, JuniorByUniqueValueAndHardwareVersion) {
-  for (const JuniorCase& c : kJuniorCases) {
-    unlink(kHardwareVersion);
-    if (c.unique != nullptr) SetUnique(c.unique);
-    if (c.hardware != nullptr) WriteFile(kHardwareVersion, c.hardware);
-    EXPECT_EQ(VELTIsJunior(), c.expected) << "unique=" << (c.unique ? c.unique : "<none>")
-                                          << " hardware=" << (c.hardware ? c.hardware : "<none>");
+    WriteFile(kFactorySettings, row.unique == nullptr ? "model=\"FB-1\"\n"
+                                                      : std::string("unique=\"") + row.unique +
+                                                            "\"\nmodel=\"FB-1\"\n");
+    if (row.hardware != nullptr) WriteFile(kHardwareVersion, row.hardware);
+    EXPECT_EQ(row.junior, VELTIsJunior())
+        << (row.unique ? row.unique : "<none>") << " " << (row.hardware ? row.hardware : "<none>");
   }
 }
 
-TEST_F(PlatformIdentity, NotJuniorWithoutUniqueKey) {
-  WriteFile(kFactorySettings, "company=\"Filebay\"\nmodel=\"FB-1\"\n");
-  WriteFile(kHardwareVersion, "2.0-j\n");
-  EXPECT_EQ(VELTIsJunior(), 0);
-  unlink(kFactorySettings);
-  EXPECT_EQ(VELTIsJunior(), 0);
-}
-
-TEST_F(PlatformIdentity, NotJuniorWhenUniqueValueDoesNotFit) {
-  SetUnique(std::string(120, 'a') + "_junior");
-  EXPECT_EQ(VELTIsJunior(), 0);
-}
-
-TEST_F(PlatformIdentity, AnswerFollowsChangedFiles) {
-  SetUnique("velt_powerpc");
-  EXPECT_EQ(VELTIsJunior(), 0);
-  WriteFile(kHardwareVersion, "2.0-j\n");
-  EXPECT_EQ(VELTIsJunior(), 1);
-  SetUnique("velt_powerpc_junior");
-  unlink(kHardwareVersion);
-  EXPECT_EQ(VELTIsJunior(), 1);
-}
-
-// ---------------------------------------------------------------- process list
-
-// A child process whose name in the process list is `name`; killed and
-// reaped when the object goes away.
+// A child process named `name` in the process list; killed and reaped when
+// the object goes away.
 class NamedProcess {
  public:
-  explicit NamedProcess(const char* name) : pid_(fork()) {
+  explicit NamedProcess(const char* name) {
+    int ready[2];
+    if (pipe(ready) != 0) return;
+    pid_ = fork();
     if (pid_ == 0) {
       prctl(PR_SET_NAME, name);
+      (void)!write(ready[1], "", 1);
       for (;;) pause();
     }
+    char byte;
+    if (pid_ > 0 && read(ready[0], &byte, 1) != 1) pid_ = -1;
+    close(ready[0]);
+    close(ready[1]);
   }
   ~NamedProcess() {
     if (pid_ <= 0) return;
     kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
   }
-  NamedProcess(const NamedProcess&) = delete;
-  NamedProcess& operator=(const NamedProcess&) = delete;
   bool started() const { return pid_ > 0; }
 
  private:
-  pid_t pid_;
+  pid_t pid_ = -1;
 };
 
-// Lets "/bin/ps" print `output` instead of the process list until the object
-// goes away (a bind mount inside the throwaway root).
-class FakeProcessList {
- public:
-  explicit FakeProcessList(const std::string& output) {
-    WriteFile(kScript, "#!/bin/sh\nprintf '%s' '" + output + "'\n");
-    chmod(kScript, 0755);
-    active_ = mount(kScript, "/bin/ps", nullptr, MS_BIND, nullptr) == 0;
-    if (!active_) why_ = strerror(errno);
-  }
-  ~FakeProcessList() {
-    if (active_) umount2("/bin/ps", MNT_DETACH);
-    unlink(kScript);
-  }
-  FakeProcessList(const FakeProcessList&) = delete;
-  FakeProcessList& operator=(const FakeProcessList&) = delete;
-  bool active() const { return active_; }
-  const std::string& why() const { return why_; }
-
- private:
-  static constexpr char kScript[] = "/tmp/fake-ps";
-  bool active_ = false;
-  std::string why_;
-};
-
-TEST_F(PlatformIdentity, ProcessRunningWhenListShowsIt) {
+TEST(PlatformIdentity, ProcessRunsWhenTheFirstMatchingLineHoldsTheName) {
   NamedProcess probe("updtprobe4711");
   ASSERT_TRUE(probe.started());
-  // The child names itself right after the fork; give it a moment.
-  int running = 0;
-  for (int i = 0; i < 100 && running == 0; ++i) {
-    running = SLIBIsProcessRunning("updtprobe4711");
-    if (running == 0) usleep(10000);
-  }
-  EXPECT_EQ(running, 1);
-  EXPECT_EQ(SLIBIsProcessRunning("probe47"), 1) << "a part of a name counts";
-}
-
-TEST_F(PlatformIdentity, ProcessNotRunningWhenNobodyHasName) {
-  EXPECT_EQ(SLIBIsProcessRunning("updtnobody9183"), 0);
-}
-
-TEST_F(PlatformIdentity, ProcessNotRunningWhenListIsEmpty) {
-  NamedProcess probe("updtprobe4712");
-  ASSERT_TRUE(probe.started());
-  FakeProcessList empty("");
-  if (!empty.active()) GTEST_SKIP() << "cannot replace /bin/ps: " << empty.why();
-  EXPECT_EQ(SLIBIsProcessRunning("updtprobe4712"), 0);
-}
-
-TEST_F(PlatformIdentity, ProcessListIsJudgedByFirstLineOnly) {
-  // grep takes "a.c" as a pattern and passes both lines; only the second
-  // holds the name itself.
-  FakeProcessList list("  101 root      00:00:00 abc\n  102 root      00:00:00 a.c\n");
-  if (!list.active()) GTEST_SKIP() << "cannot replace /bin/ps: " << list.why();
-  EXPECT_EQ(SLIBIsProcessRunning("a.c"), 0);
-  EXPECT_EQ(SLIBIsProcessRunning("abc"), 1);
-}
-
-TEST_F(PlatformIdentity, ProcessNotRunningForNullName) {
-  EXPECT_EQ(SLIBIsProcessRunning(nullptr), 0);
+  EXPECT_EQ(1, SLIBIsProcessRunning("updtprobe4711"));
+  EXPECT_EQ(1, SLIBIsProcessRunning("probe47"));  // a part of a name counts
+  // The name is a pattern to grep: its line must still hold the name itself.
+  EXPECT_EQ(0, SLIBIsProcessRunning("updtprobe47.1"));
+  EXPECT_EQ(0, SLIBIsProcessRunning("updtnobody9183"));
 }
 
 }  // namespace

@@ -1,11 +1,8 @@
 #include "updater/update_status.h"
 
-#include <dirent.h>
-#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <limits.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/mount.h>
@@ -15,10 +12,10 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <string>
 #include <vector>
 
+#include "log_lines.h"
 #include "test_support.h"
 
 using testing_support::FileExists;
@@ -44,20 +41,8 @@ namespace {
 constexpr char kLog[] = "/var/log/veltupdate.log";
 constexpr char kProgress[] = "/tmp/update.progress";
 constexpr char kMessage[] = "/tmp/update.message";
-constexpr auto kAllLockPauses = std::chrono::microseconds(20 * 337);
-
-std::vector<testing_support::SyslogRecord>& g_syslog = testing_support::SyslogRecords();
-
-int OpenDescriptorCount() {
-  int count = 0;
-  DIR* dir = opendir("/proc/self/fd");
-  if (dir == nullptr) return -1;
-  while (dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] != '.') ++count;
-  }
-  closedir(dir);
-  return count - 1;  // the directory stream's own descriptor
-}
+constexpr char kStatus[] = "/tmp/status";
+using Lines = std::vector<std::string>;
 
 // Holds an exclusive flock on `path` through an open file description of its
 // own, as another writer of the file would.
@@ -66,11 +51,7 @@ class OtherWriterLock {
   explicit OtherWriterLock(const char* path) : fd_(open(path, O_RDWR | O_CREAT, 0644)) {
     locked_ = fd_ >= 0 && syscall(SYS_flock, fd_, LOCK_EX | LOCK_NB) == 0;
   }
-  ~OtherWriterLock() {
-    if (fd_ >= 0) close(fd_);
-  }
-  OtherWriterLock(const OtherWriterLock&) = delete;
-  OtherWriterLock& operator=(const OtherWriterLock&) = delete;
+  ~OtherWriterLock() { close(fd_); }
   bool locked() const { return locked_; }
 
  private:
@@ -78,20 +59,13 @@ class OtherWriterLock {
   bool locked_ = false;
 };
 
-// True when nobody holds a lock on `path` any more.
-bool LockIsFree(const char* path) {
-  OtherWriterLock probe(path);
-  return probe.locked();
-}
+bool LockIsFree(const char* path) { return OtherWriterLock(path).locked(); }
 
-// "UPDTExecute(<line>): <rest>" -> "<rest>"; "" when the text has another shape.
-std::string WithoutFunctionAndLine(const std::string& text) {
-  const std::string prefix = "UPDTExecute(";
-  if (text.compare(0, prefix.size(), prefix) != 0) return "";
-  size_t end = prefix.size();
-  while (end < text.size() && isdigit(static_cast<unsigned char>(text[end]))) ++end;
-  if (end == prefix.size() || text.compare(end, 3, "): ") != 0) return "";
-  return text.substr(end + 3);
+std::string Stamp(time_t when) {
+  char text[32];
+  struct tm local;
+  strftime(text, sizeof(text), "%Y/%m/%d %H:%M:%S", localtime_r(&when, &local));
+  return text;
 }
 
 class UpdateStatus : public ::testing::Test {
@@ -100,303 +74,122 @@ class UpdateStatus : public ::testing::Test {
     const std::string why = testing_support::EnterThrowawayRoot();
     if (!why.empty()) GTEST_SKIP() << why;
     mkdir("/var/log", 0755);
-    for (const char* path : {kLog, kProgress, kMessage}) unlink(path);
-    g_syslog.clear();
+    for (const char* path : {kLog, kProgress, kMessage, kStatus}) unlink(path);
+    testing_support::SyslogRecords().clear();
     g_exclusive_lock_attempts = 0;
   }
 };
 
-// ---------------------------------------------------------------- result keys
-
-TEST_F(UpdateStatus, ResultKeyOfEveryCode) {
-  const char* const expected[UPDT_RESULT_CODE_COUNT] = {
-      "upgrade_success",      "error_dirop",          "error_dirop",
-      "error_dirop",          "error_bootmediaop",    "error_bootmediaop",
-      "error_read_ver",       "error_read_patch_ver", "error_read_mod",
-      "error_read_patch_mod", "error_version",        "error_model",
-      "error_company",        "error_patch",          "error_update_unknown",
-      "error_update_unknown", "error_update_unknown", "error_update_unknown",
-      "error_update_unknown", "error_update_unknown", "error_update_unknown",
-      "error_update_unknown", "error_update_unknown", "error_memory",
-      "error_reboot"};
-  for (int code = 0; code < UPDT_RESULT_CODE_COUNT; ++code) {
-    ASSERT_NE(gszResultKey[code], nullptr) << code;
-    EXPECT_STREQ(gszResultKey[code], expected[code]) << "code " << code;
-  }
-}
-
-// ---------------------------------------------------------------- update log
-
-TEST_F(UpdateStatus, LogLineIsLocalTimeTabTextAndLineFeed) {
-  const time_t before = time(nullptr);
-  UPDTLog("Update started");
-  const time_t after = time(nullptr);
-
-  const std::string content = ReadFile(kLog);
-  ASSERT_EQ(content.size(), 19u + 1 + strlen("Update started") + 1) << content;
-  EXPECT_EQ(content.substr(19), "\tUpdate started\n");
-  struct tm stamp = {};
-  char rest = 0;
-  ASSERT_EQ(sscanf(content.c_str(), "%4d/%2d/%2d %2d:%2d:%2d%c", &stamp.tm_year, &stamp.tm_mon,
-                   &stamp.tm_mday, &stamp.tm_hour, &stamp.tm_min, &stamp.tm_sec, &rest),
-            7)
-      << content;
-  EXPECT_EQ(rest, '\t');
-  EXPECT_EQ(content[4], '/');
-  EXPECT_EQ(content[7], '/');
-  EXPECT_EQ(content[10], ' ');
-  EXPECT_EQ(content[13], ':');
-  EXPECT_EQ(content[16], ':');
-  stamp.tm_year -= 1900;
-  stamp.tm_mon -= 1;
-  stamp.tm_isdst = -1;
-  const time_t logged = mktime(&stamp);
-  EXPECT_GE(logged, before - 1);
-  EXPECT_LE(logged, after + 1);
-}
-
-TEST_F(UpdateStatus, LogAppendsLinesInOrder) {
+TEST_F(UpdateStatus, LogAppendsLocalTimeTabTextLines) {
   WriteFile(kLog, "old entry\n");
-  UPDTLog("first");
-  UPDTLog("second");
-  const std::string content = ReadFile(kLog);
-  ASSERT_EQ(content.size(), 10 + (20 + 5 + 1) + (20 + 6 + 1)) << content;
-  EXPECT_EQ(content.substr(0, 10), "old entry\n");
-  EXPECT_EQ(content.substr(10 + 19, 7), "\tfirst\n");
-  EXPECT_EQ(content.substr(10 + 19 + 7 + 19), "\tsecond\n");
-}
-
-TEST_F(UpdateStatus, LogKeepsLongTextWhole) {
   const std::string text = LongText(5000, 'a');
+  const time_t before = time(nullptr);
+  UPDTLog("first");
   UPDTLog(text.c_str());
-  const std::string content = ReadFile(kLog);
-  ASSERT_EQ(content.size(), 19 + 1 + text.size() + 1);
-  EXPECT_EQ(content.substr(20), text + "\n");
-}
-
-TEST_F(UpdateStatus, LogOfNullTextDoesNothing) {
   UPDTLog(nullptr);
-  EXPECT_FALSE(FileExists(kLog));
-  WriteFile(kLog, "kept\n");
-  UPDTLog(nullptr);
-  EXPECT_EQ(ReadFile(kLog), "kept\n");
+  const std::string log = ReadFile(kLog);
+  ASSERT_EQ(10u + 26 + 20 + text.size() + 1, log.size()) << log;
+  const std::string stamp = log.substr(10, 19);
+  EXPECT_TRUE(stamp == Stamp(before) || stamp == Stamp(time(nullptr))) << stamp;
+  EXPECT_EQ("old entry\n" + stamp + "\tfirst\n", log.substr(0, 36));
+  EXPECT_EQ("\t" + text + "\n", log.substr(36 + 19));
 }
 
-TEST_F(UpdateStatus, LogTrimKeepsExactly10000Bytes) {
-  const std::string content = LongText(9999, 'a') + "\n";
-  WriteFile(kLog, content);
-  UPDTLogTrim();
-  EXPECT_EQ(ReadFile(kLog), content);
-}
-
-TEST_F(UpdateStatus, LogTrimEmptiesLogOf10001Bytes) {
-  WriteFile(kLog, LongText(10000, 'a') + "\n");
-  UPDTLogTrim();
-  struct stat status;
-  ASSERT_EQ(stat(kLog, &status), 0) << "the emptied log must still exist";
-  EXPECT_EQ(status.st_size, 0);
-}
-
-TEST_F(UpdateStatus, LogTrimLeavesMissingLogMissing) {
+TEST_F(UpdateStatus, LogTrimEmptiesALogOfMoreThan10000Bytes) {
   UPDTLogTrim();
   EXPECT_FALSE(FileExists(kLog));
-}
-
-// ---------------------------------------------------------------- commands
-
-TEST_F(UpdateStatus, ExecuteRunsCommandThroughShell) {
-  EXPECT_EQ(UPDTExecute("echo ran > /tmp/execute.out && exit 0"), 0);
-  EXPECT_EQ(ReadFile("/tmp/execute.out"), "ran\n");
-  EXPECT_TRUE(g_syslog.empty());
-}
-
-TEST_F(UpdateStatus, ExecuteReportsNonZeroExitStatus) {
-  struct Case {
-    const char* command;
-    int status;
-  };
-  const Case cases[] = {
-      {"exit 1", 1}, {"exit 255", 255}, {"/nonexistent/program 2>/dev/null", 127}, {"false", 1}};
-  for (const Case& c : cases) {
-    g_syslog.clear();
-    EXPECT_EQ(UPDTExecute(c.command), -1) << c.command;
-    ASSERT_EQ(g_syslog.size(), 1u) << c.command;
-    EXPECT_EQ(g_syslog[0].first, LOG_ERR);
-    EXPECT_EQ(
-        WithoutFunctionAndLine(g_syslog[0].second),
-        std::string("failed to execute cmd=[") + c.command + "], ret = " + std::to_string(c.status))
-        << g_syslog[0].second;
+  for (size_t size : {10000, 10001}) {
+    const std::string log = LongText(size - 1, 'a') + "\n";
+    WriteFile(kLog, log);
+    UPDTLogTrim();
+    EXPECT_EQ(size == 10000 ? log : "", ReadFile(kLog));
   }
 }
 
-TEST_F(UpdateStatus, ExecuteCountsCommandEndedBySignalAsSuccess) {
-  EXPECT_EQ(UPDTExecute("kill -9 $$"), 0);
-  EXPECT_EQ(UPDTExecute("kill -TERM $$"), 0);
-  EXPECT_TRUE(g_syslog.empty());
+TEST_F(UpdateStatus, ExecuteJudgesOnlyTheExitStatus) {
+  const struct {
+    const char* command;
+    int status;  // logged; 0 for success
+  } kCases[] = {{"echo ran > /tmp/execute.out", 0}, {"exit 1", 1}, {"exit 255", 255},
+                {"/nonexistent/program 2>/dev/null", 127}, {"kill -9 $$", 0}};
+  for (const auto& row : kCases) {
+    testing_support::SyslogRecords().clear();
+    EXPECT_EQ(row.status == 0 ? 0 : -1, UPDTExecute(row.command)) << row.command;
+    const std::string line = std::string("UPDTExecute(N): failed to execute cmd=[") +
+                             row.command + "], ret = " + std::to_string(row.status);
+    EXPECT_EQ(row.status == 0 ? Lines() : Lines{line}, testing_support::LoggedMessages(LOG_ERR));
+  }
+  EXPECT_EQ("ran\n", ReadFile("/tmp/execute.out"));
 }
 
-TEST_F(UpdateStatus, ExecuteOfNullCommandFailsWithoutLogLine) {
-  EXPECT_EQ(UPDTExecute(nullptr), -1);
-  EXPECT_TRUE(g_syslog.empty());
+TEST_F(UpdateStatus, FormatCommandRefusesAndLogsACommandThatDoesNotFit) {
+  char command[8];
+  EXPECT_EQ(1, UPDTFormatCommand(command, sizeof(command), "main", 12, "%s-%d", "abcd", 10));
+  EXPECT_STREQ("abcd-10", command);
+  EXPECT_EQ(0, UPDTFormatCommand(command, sizeof(command), "main", 12, "%s-%d", "abcd", 100));
+  EXPECT_EQ(Lines{"main(N): command too long [abcd-100]"}, testing_support::LoggedMessages());
 }
 
-// ---------------------------------------------------------------- status files
-
-TEST_F(UpdateStatus, StatusFileIsCreatedWhenMissing) {
-  EXPECT_EQ(UPDTWriteStatusFile("/tmp/status", "abc", 0), 0);
-  EXPECT_EQ(ReadFile("/tmp/status"), "abc");
+TEST_F(UpdateStatus, StatusFileIsRewrittenFromItsStartUnderALock) {
+  EXPECT_EQ(0, UPDTWriteStatusFile(kStatus, "0123456789\nline two\n", 0));  // created
+  EXPECT_EQ(0, UPDTWriteStatusFile(kStatus, "abc", 1));
+  EXPECT_EQ("abc3456789\nline two\n", ReadFile(kStatus));
+  EXPECT_TRUE(LockIsFree(kStatus));
+  EXPECT_EQ(2, g_exclusive_lock_attempts);
+  EXPECT_EQ(-3, UPDTWriteStatusFile(kStatus, nullptr, 1));
+  ASSERT_EQ(0, mkdir("/tmp/status.dir", 0755));
+  EXPECT_EQ(-1, UPDTWriteStatusFile("/tmp/status.dir", "abc", 1));
+  EXPECT_EQ(-1, UPDTWriteStatusFile("/tmp/no/such/dir/status", "abc", 1));
 }
 
-TEST_F(UpdateStatus, StatusFileIsOverwrittenFromStartNotTruncated) {
-  WriteFile("/tmp/status", "0123456789\nline two\n");
-  const int descriptors = OpenDescriptorCount();
-  EXPECT_EQ(UPDTWriteStatusFile("/tmp/status", "abc", 1), 0);
-  EXPECT_EQ(ReadFile("/tmp/status"), "abc3456789\nline two\n");
-  EXPECT_EQ(OpenDescriptorCount(), descriptors);
-  EXPECT_TRUE(LockIsFree("/tmp/status"));
-  EXPECT_EQ(g_exclusive_lock_attempts, 1);
-}
-
-TEST_F(UpdateStatus, StatusFileThatCannotBeOpenedGivesMinusOne) {
-  ASSERT_EQ(mkdir("/tmp/status.dir", 0755), 0);
-  const int descriptors = OpenDescriptorCount();
-  EXPECT_EQ(UPDTWriteStatusFile("/tmp/status.dir", "abc", 1), -1);
-  EXPECT_EQ(UPDTWriteStatusFile("/tmp/no/such/dir/status", "abc", 1), -1);
-  EXPECT_EQ(UPDTWriteStatusFile(nullptr, "abc", 1), -1);
-  EXPECT_EQ(OpenDescriptorCount(), descriptors);
-  EXPECT_FALSE(FileExists("/tmp/no"));
-}
-
-TEST_F(UpdateStatus, StatusFileLockedByOtherWriterGivesUpAfter21Attempts) {
-  WriteFile("/tmp/status", "held by another writer");
-  OtherWriterLock other("/tmp/status");
+TEST_F(UpdateStatus, StatusFileLockedByAnotherWriterIsLeftAfter21Or1Attempts) {
+  WriteFile(kProgress, "P:60:      ");
+  OtherWriterLock other(kProgress);
   ASSERT_TRUE(other.locked());
-  const int descriptors = OpenDescriptorCount();
-  g_exclusive_lock_attempts = 0;
-
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(UPDTWriteStatusFile("/tmp/status", "lost", 1), -2);
-  const auto elapsed = std::chrono::steady_clock::now() - start;
-
-  EXPECT_EQ(g_exclusive_lock_attempts, 21);
-  EXPECT_GE(elapsed, kAllLockPauses);
-  EXPECT_LT(elapsed, std::chrono::seconds(1));
-  EXPECT_EQ(ReadFile("/tmp/status"), "held by another writer");
-  EXPECT_EQ(OpenDescriptorCount(), descriptors);
+  for (int retry : {1, 0}) {
+    g_exclusive_lock_attempts = 0;
+    EXPECT_EQ(-2, UPDTWriteStatusFile(kProgress, "lost", retry));
+    EXPECT_EQ(retry ? 21 : 1, g_exclusive_lock_attempts);
+  }
+  UPDTSetProgress('P', 100);
+  EXPECT_EQ(1 + 21, g_exclusive_lock_attempts);
+  EXPECT_EQ("P:60:      ", ReadFile(kProgress));
 }
 
-TEST_F(UpdateStatus, StatusFileLockedWithoutRetryGivesUpAtFirstAttempt) {
-  WriteFile("/tmp/status", "held by another writer");
-  OtherWriterLock other("/tmp/status");
-  ASSERT_TRUE(other.locked());
-  const int descriptors = OpenDescriptorCount();
-  g_exclusive_lock_attempts = 0;
-
-  EXPECT_EQ(UPDTWriteStatusFile("/tmp/status", "lost", 0), -2);
-
-  EXPECT_EQ(g_exclusive_lock_attempts, 1);
-  EXPECT_EQ(ReadFile("/tmp/status"), "held by another writer");
-  EXPECT_EQ(OpenDescriptorCount(), descriptors);
-}
-
-TEST_F(UpdateStatus, StatusFileWriteFailureGivesMinusThreeAndUnlocks) {
-  // A file system of one page, filled up: the status text finds no room.
+TEST_F(UpdateStatus, StatusFileWithoutRoomGivesMinusThreeAndUnlocks) {
   mkdir("/full", 0755);
   if (mount("tmpfs", "/full", "tmpfs", 0, "size=4k") != 0) {
     GTEST_SKIP() << "cannot mount a small file system: " << strerror(errno);
   }
   WriteFile("/full/status", "");
-  {
-    FILE* filler = fopen("/full/filler", "w");
-    ASSERT_NE(filler, nullptr);
-    const std::string page(4096, 'f');
-    fwrite(page.data(), 1, page.size(), filler);
-    fclose(filler);
-  }
-  const int descriptors = OpenDescriptorCount();
-
-  EXPECT_EQ(UPDTWriteStatusFile("/full/status", LongText(100, 'a').c_str(), 1), -3);
-
-  EXPECT_EQ(ReadFile("/full/status"), "");
+  WriteFile("/full/filler", std::string(4096, 'f'));
+  EXPECT_EQ(-3, UPDTWriteStatusFile("/full/status", LongText(100, 'a').c_str(), 1));
+  EXPECT_EQ("", ReadFile("/full/status"));
   EXPECT_TRUE(LockIsFree("/full/status"));
-  EXPECT_EQ(OpenDescriptorCount(), descriptors);
   umount2("/full", MNT_DETACH);
 }
 
-TEST_F(UpdateStatus, StatusFileOfNullTextGivesMinusThree) {
-  EXPECT_EQ(UPDTWriteStatusFile("/tmp/status", nullptr, 1), -3);
-}
-
-// ---------------------------------------------------------------- progress
-
-TEST_F(UpdateStatus, ProgressRecordIsLetterValueAndSixBlanks) {
-  UPDTSetProgress('A', 0);
-  EXPECT_EQ(ReadFile(kProgress), "A:0:      ");
-}
-
-TEST_F(UpdateStatus, ProgressRecordOverwritesLongerOneInPlace) {
-  UPDTSetProgress('P', 100);
-  EXPECT_EQ(ReadFile(kProgress), "P:100:      ");
-  UPDTSetProgress('C', 0);
-  // Ten new bytes over twelve old ones: the old record's last two blanks stay.
-  EXPECT_EQ(ReadFile(kProgress), "C:0:        ");
-}
-
-TEST_F(UpdateStatus, ProgressRecordKeepsSignOfNegativeValue) {
-  UPDTSetProgress('A', -1);
-  EXPECT_EQ(ReadFile(kProgress), "A:-1:      ");
-  UPDTSetProgress('P', -20);
-  EXPECT_EQ(ReadFile(kProgress), "P:-20:      ");
-  UPDTSetProgress('R', 0);
-  EXPECT_EQ(ReadFile(kProgress), "R:0:        ");
-}
-
-TEST_F(UpdateStatus, ProgressRecordOfLargestValuesIsWhole) {
-  UPDTSetProgress('P', INT_MIN);
-  EXPECT_EQ(ReadFile(kProgress), "P:-2147483648:      ");
-}
-
-TEST_F(UpdateStatus, ProgressRecordLeavesTailOfOlderContent) {
-  WriteFile(kProgress, "XXXXXXXXXXXXXXXXXXXXXXXX");
-  UPDTSetProgress('R', 0);
-  EXPECT_EQ(ReadFile(kProgress), "R:0:      XXXXXXXXXXXXXX");
-}
-
-TEST_F(UpdateStatus, ProgressRecordIsLostWhileOtherWriterHoldsLock) {
-  UPDTSetProgress('P', 60);
-  OtherWriterLock other(kProgress);
-  ASSERT_TRUE(other.locked());
-  g_exclusive_lock_attempts = 0;
-  UPDTSetProgress('P', 100);
-  EXPECT_EQ(g_exclusive_lock_attempts, 21);
-  EXPECT_EQ(ReadFile(kProgress), "P:60:      ");
-}
-
-// ---------------------------------------------------------------- message
-
-TEST_F(UpdateStatus, MessageIsKeyEqualsQuotedValueWithoutLineFeed) {
-  UPDTSetMessage("extramsg", "Congratulation!! The update has been completed!!");
-  EXPECT_EQ(ReadFile(kMessage), "extramsg=\"Congratulation!! The update has been completed!!\"");
-}
-
-TEST_F(UpdateStatus, ShorterMessageLeavesTailOfLongerOne) {
+TEST_F(UpdateStatus, ProgressAndMessageOverwriteTheStartOfTheOldRecord) {
+  const struct {
+    const char* before;
+    char letter;
+    int value;
+    const char* after;
+  } kProgressCases[] = {{"", 'A', 0, "A:0:      "},
+                        {"P:100:      ", 'C', -1, "C:-1:       "},
+                        {"XXXXXXXXXXXXXXXXXXXXXXXX", 'R', 0, "R:0:      XXXXXXXXXXXXXX"},
+                        {"", 'P', INT_MIN, "P:-2147483648:      "}};
+  for (const auto& row : kProgressCases) {
+    WriteFile(kProgress, row.before);
+    UPDTSetProgress(row.letter, row.value);
+    EXPECT_EQ(row.after, ReadFile(kProgress));
+  }
   UPDTSetMessage("extramsg", "a rather long message");
   UPDTSetMessage("extramsg", "short");
-  EXPECT_EQ(ReadFile(kMessage), "extramsg=\"short\"er long message\"");
-}
-
-TEST_F(UpdateStatus, MessageIsCutTo1023Characters) {
+  EXPECT_EQ("extramsg=\"short\"er long message\"", ReadFile(kMessage));
   const std::string value = LongText(2000, 'a');
   UPDTSetMessage("k", value.c_str());
-  const std::string content = ReadFile(kMessage);
-  ASSERT_EQ(content.size(), 1023u);
-  EXPECT_EQ(content, "k=\"" + value.substr(0, 1020));
-}
-
-TEST_F(UpdateStatus, MessageWithNullKeyOrValueWritesNothing) {
-  UPDTSetMessage(nullptr, "value");
-  UPDTSetMessage("key", nullptr);
-  EXPECT_FALSE(FileExists(kMessage));
+  EXPECT_EQ("k=\"" + value.substr(0, 1020), ReadFile(kMessage));  // 1023 characters
 }
 
 }  // namespace
