@@ -2,12 +2,9 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <string.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -45,17 +42,26 @@ TEST(PlatformIdentity, JuniorByUniqueValueThenByHardwareVersion) {
     const char* unique;    // null: no "unique" key in the settings
     const char* hardware;  // null: no hardware version file
     int junior;
-  } kCases[] = {
-      // "sdkdebug" at the start or "_junior" at the end decides alone
-      {"sdkdebug", "1.0\n", 1}, {"x_junior", nullptr, 1}, {"xsdkdebug", nullptr, 0},
-      {"velt_junior_x", nullptr, 0}, {"velt_Junior", nullptr, 0},
-      // six characters or fewer are never junior
-      {"junior", "2.0-j\n", 0}, {"", "2.0-j\n", 0}, {nullptr, "2.0-j\n", 0},
-      // otherwise the first line of the hardware version, less its last character
-      {"abcdefg", "2.0-j\n", 1}, {"velt_powerpc", "-j\n", 1}, {"velt_powerpc", "2.0-J\n", 0},
-      {"velt_powerpc", "2.0j\n", 0}, {"velt_powerpc", "2.0-jx\n", 0},
-      {"velt_powerpc", "2.0\n2.0-j\n", 0}, {"velt_powerpc", "2.0-jx", 1},
-      {"velt_powerpc", "", 0}, {"velt_powerpc", nullptr, 0}};
+  } kCases[] = {// "sdkdebug" at the start or "_junior" at the end decides alone
+                {"sdkdebug", "1.0\n", 1},
+                {"x_junior", nullptr, 1},
+                {"xsdkdebug", nullptr, 0},
+                {"velt_junior_x", nullptr, 0},
+                {"velt_Junior", nullptr, 0},
+                // six characters or fewer are never junior
+                {"junior", "2.0-j\n", 0},
+                {"", "2.0-j\n", 0},
+                {nullptr, "2.0-j\n", 0},
+                // otherwise the first line of the hardware version, less its last character
+                {"abcdefg", "2.0-j\n", 1},
+                {"velt_powerpc", "-j\n", 1},
+                {"velt_powerpc", "2.0-J\n", 0},
+                {"velt_powerpc", "2.0j\n", 0},
+                {"velt_powerpc", "2.0-jx\n", 0},
+                {"velt_powerpc", "2.0\n2.0-j\n", 0},
+                {"velt_powerpc", "2.0-jx", 1},
+                {"velt_powerpc", "", 0},
+                {"velt_powerpc", nullptr, 0}};
   for (const auto& row : kCases) {
     unlink(kHardwareVersion);
     WriteFile(kFactorySettings, row.unique == nullptr ? "model=\"FB-1\"\n"
@@ -67,42 +73,14 @@ TEST(PlatformIdentity, JuniorByUniqueValueThenByHardwareVersion) {
   }
 }
 
-// A child process named `name` in the process list; killed and reaped when
-// the object goes away.
-class NamedProcess {
- public:
-  explicit NamedProcess(const char* name) {
-    int ready[2];
-    if (pipe(ready) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      prctl(PR_SET_NAME, name);
-      (void)!write(ready[1], "", 1);
-      for (;;) pause();
-    }
-    char byte;
-    if (pid_ > 0 && read(ready[0], &byte, 1) != 1) pid_ = -1;
-    close(ready[0]);
-    close(ready[1]);
-  }
-  ~NamedProcess() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-  bool started() const { return pid_ > 0; }
-
- private:
-  pid_t pid_ = -1;
-};
-
 TEST(PlatformIdentity, ProcessRunsWhenTheFirstMatchingLineHoldsTheName) {
-  NamedProcess probe("updtprobe4711");
-  ASSERT_TRUE(probe.started());
-  EXPECT_EQ(1, SLIBIsProcessRunning("updtprobe4711"));
-  EXPECT_EQ(1, SLIBIsProcessRunning("probe47"));  // a part of a name counts
+  // This test program, as the process list names it.
+  std::string name = testing_support::ReadFile("/proc/self/comm");
+  name.pop_back();  // the line feed
+  EXPECT_EQ(1, SLIBIsProcessRunning(name.c_str()));
+  EXPECT_EQ(1, SLIBIsProcessRunning(name.substr(1, 8).c_str()));  // a part of a name counts
   // The name is a pattern to grep: its line must still hold the name itself.
-  EXPECT_EQ(0, SLIBIsProcessRunning("updtprobe47.1"));
+  EXPECT_EQ(0, SLIBIsProcessRunning(("." + name.substr(1)).c_str()));
   EXPECT_EQ(0, SLIBIsProcessRunning("updtnobody9183"));
 }
 
