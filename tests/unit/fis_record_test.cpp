@@ -16,10 +16,10 @@ Record OnFlash(const char* name, unsigned char filler) {
   Record record(FIS_RECORD_SIZE, filler);
   memset(record.data(), 0, FIS_NAME_SIZE);
   memcpy(record.data(), name, strnlen(name, FIS_NAME_SIZE));
-  const unsigned char kWords[][5] = {
-      {16, 0xFF, 0xFE, 0x00, 0x00}, {20, 0x01, 0x02, 0x03, 0x04}, {24, 0x00, 0x01, 0x00, 0x00},
-      {28, 0xA0, 0xB0, 0xC0, 0xD0}, {32, 0x00, 0x00, 0x12, 0x34}, {248, 0x11, 0x22, 0x33, 0x44},
-      {252, 0xCA, 0xFE, 0xF0, 0x0D}};
+  const unsigned char kWords[][5] = {{16, 0xFF, 0xFE, 0x00, 0x00}, {20, 0x01, 0x02, 0x03, 0x04},
+                                     {24, 0x00, 0x01, 0x00, 0x00}, {28, 0xA0, 0xB0, 0xC0, 0xD0},
+                                     {32, 0x00, 0x00, 0x12, 0x34}, {248, 0x11, 0x22, 0x33, 0x44},
+                                     {252, 0xCA, 0xFE, 0xF0, 0x0D}};
   for (const auto& word : kWords) memcpy(&record[word[0]], word + 1, 4);
   return record;
 }
@@ -29,13 +29,10 @@ TEST(FisRecord, WordsAreBigEndianAtFixedOffsetsAndReservedBytesZero) {
   memset(&desc, 0x55, sizeof(desc));
   UPDTFisDecode(OnFlash("RedBoot Config", 0xA5).data(), &desc);  // reserved bytes ignored
   EXPECT_STREQ("RedBoot Config", desc.name);
-  EXPECT_EQ(0xFFFE0000u, desc.flash_base);
-  EXPECT_EQ(0x01020304u, desc.mem_base);
-  EXPECT_EQ(0x00010000u, desc.size);
-  EXPECT_EQ(0xA0B0C0D0u, desc.entry_point);
-  EXPECT_EQ(0x00001234u, desc.data_length);
-  EXPECT_EQ(0x11223344u, desc.desc_cksum);
-  EXPECT_EQ(0xCAFEF00Du, desc.file_cksum);
+  EXPECT_EQ((std::vector<uint32_t>{0xFFFE0000, 0x01020304, 0x10000, 0xA0B0C0D0, 0x1234, 0x11223344,
+                                   0xCAFEF00D}),
+            (std::vector<uint32_t>{desc.flash_base, desc.mem_base, desc.size, desc.entry_point,
+                                   desc.data_length, desc.desc_cksum, desc.file_cksum}));
 
   Record encoded(FIS_RECORD_SIZE, 0xEE);
   UPDTFisEncode(&desc, encoded.data());

@@ -15,7 +15,6 @@ using testing_support::WriteFile;
 
 namespace {
 
-constexpr char kFactorySettings[] = "/etc.defaults/veltinfo.conf";
 constexpr char kHardwareVersion[] = "/proc/sys/kernel/velt_hw_version";
 
 // The hardware version file belongs to the appliance's kernel. In the
@@ -34,43 +33,32 @@ std::string EnterRootWithHardwareVersionDirectory() {
   return why;
 }
 
-TEST(PlatformIdentity, JuniorByUniqueValueThenByHardwareVersion) {
+// VELTIsJunior with this "unique" value (null: no key) and hardware version
+// file content (null: no file).
+int IsJunior(const char* unique, const char* hardware) {
+  WriteFile("/etc.defaults/veltinfo.conf",
+            unique == nullptr ? "model=\"FB-1\"\n" : "unique=\"" + std::string(unique) + "\"\n");
+  unlink(kHardwareVersion);
+  if (hardware != nullptr) WriteFile(kHardwareVersion, hardware);
+  return VELTIsJunior();
+}
+
+TEST(PlatformIdentity, JuniorByUniqueValueThenByTheHardwareVersionsFirstLine) {
   const std::string why = EnterRootWithHardwareVersionDirectory();
   if (!why.empty()) GTEST_SKIP() << why;
   mkdir("/etc.defaults", 0755);
-  const struct {
-    const char* unique;    // null: no "unique" key in the settings
-    const char* hardware;  // null: no hardware version file
-    int junior;
-  } kCases[] = {// "sdkdebug" at the start or "_junior" at the end decides alone
-                {"sdkdebug", "1.0\n", 1},
-                {"x_junior", nullptr, 1},
-                {"xsdkdebug", nullptr, 0},
-                {"velt_junior_x", nullptr, 0},
-                {"velt_Junior", nullptr, 0},
-                // six characters or fewer are never junior
-                {"junior", "2.0-j\n", 0},
-                {"", "2.0-j\n", 0},
-                {nullptr, "2.0-j\n", 0},
-                // otherwise the first line of the hardware version, less its last character
-                {"abcdefg", "2.0-j\n", 1},
-                {"velt_powerpc", "-j\n", 1},
-                {"velt_powerpc", "2.0-J\n", 0},
-                {"velt_powerpc", "2.0j\n", 0},
-                {"velt_powerpc", "2.0-jx\n", 0},
-                {"velt_powerpc", "2.0\n2.0-j\n", 0},
-                {"velt_powerpc", "2.0-jx", 1},
-                {"velt_powerpc", "", 0},
-                {"velt_powerpc", nullptr, 0}};
-  for (const auto& row : kCases) {
-    unlink(kHardwareVersion);
-    WriteFile(kFactorySettings, row.unique == nullptr ? "model=\"FB-1\"\n"
-                                                      : std::string("unique=\"") + row.unique +
-                                                            "\"\nmodel=\"FB-1\"\n");
-    if (row.hardware != nullptr) WriteFile(kHardwareVersion, row.hardware);
-    EXPECT_EQ(row.junior, VELTIsJunior())
-        << (row.unique ? row.unique : "<none>") << " " << (row.hardware ? row.hardware : "<none>");
-  }
+  // "sdkdebug" at the start or "_junior" at the end decides alone.
+  EXPECT_EQ(1, IsJunior("sdkdebug", "1.0\n") & IsJunior("x_junior", nullptr));
+  EXPECT_EQ(0, IsJunior("xsdkdebug", nullptr) | IsJunior("velt_junior_x", nullptr) |
+                   IsJunior("velt_Junior", nullptr));
+  // Six characters or fewer are never junior.
+  EXPECT_EQ(0, IsJunior("junior", "2.0-j\n") | IsJunior("", "2.0-j\n") | IsJunior(nullptr, "-j\n"));
+  // Otherwise a hardware version ending in "-j" (its last character dropped).
+  EXPECT_EQ(1, IsJunior("abcdefg", "2.0-j\n") & IsJunior("velt_ppc", "-j\n") &
+                   IsJunior("velt_ppc", "2.0-jx") & IsJunior("velt_ppc", "2.0-j\n2.0\n"));
+  EXPECT_EQ(0, IsJunior("velt_ppc", "2.0-J\n") | IsJunior("velt_ppc", "2.0j\n") |
+                   IsJunior("velt_ppc", "2.0-jx\n") | IsJunior("velt_ppc", "2.0\n2.0-j\n") |
+                   IsJunior("velt_ppc", "") | IsJunior("velt_ppc", nullptr));
 }
 
 TEST(PlatformIdentity, ProcessRunsWhenTheFirstMatchingLineHoldsTheName) {
