@@ -39,6 +39,9 @@ check "delline removes the matching line" "3" "$(wc -l < "$conf" | tr -d ' ')"
 printf '[global]\nworkgroup = HOME\n[homes]\npath=/h\n' > "$work/smb.conf"
 check "section lists the section's keys" "path=/h" "$("$veltconf" section "$work/smb.conf" homes)"
 
+"$veltconf" --help >/dev/null
+check "--help exits 0" "0" "$?"
+
 "$veltconf" frobnicate 2>/dev/null
 check "an unknown command exits 2" "2" "$?"
 

@@ -1,11 +1,17 @@
 // Helpers shared by the unit tests: throwaway directories, whole-file reads
-// and writes, and a private /tmp for code with fixed paths under it.
+// and writes, and a private /tmp for code with fixed paths under it. Brings
+// GoogleTest, the standard containers and the library's error codes along.
 #ifndef TESTS_UNIT_TEST_SUPPORT_H_
 #define TESTS_UNIT_TEST_SUPPORT_H_
 
+#include <gtest/gtest.h>
+
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "lib/slib_error.h"
 
 namespace testing_support {
 
@@ -70,6 +76,23 @@ bool LimitAddressSpace(long headroom);
 // Why allocation failures cannot be provoked in this build, or "" when they
 // can (AddressSanitizer reserves far more address space than any limit).
 const char* AllocationFailureUnavailable();
+
+// Stands in for the library's retry pauses (SLIBPause) while it lives: a
+// pause returns at once and is recorded, after `on_pause` has run with the
+// number of pauses before it. Tests count the waits instead of sleeping.
+class PauseRecorder {
+ public:
+  explicit PauseRecorder(std::function<void(size_t)> on_pause = nullptr);
+  ~PauseRecorder();
+  PauseRecorder(const PauseRecorder&) = delete;
+  PauseRecorder& operator=(const PauseRecorder&) = delete;
+
+  // The pauses asked for, in microseconds, in order.
+  std::vector<unsigned int> pauses;
+
+ private:
+  std::function<void(size_t)> on_pause_;
+};
 
 }  // namespace testing_support
 
