@@ -26,35 +26,33 @@ struct MatchCase {
 };
 
 TEST(SlibFileLine, LineMatchFollowsTheFlagTable) {
-  const MatchCase cases[] = {
-      {"lock file = /var/run/rsyncd.lock\n", "lock file =", 0, 1},
-      {"pid file = x\n", "lock file =", 0, 0},
-      {"\n", "", 0, 1},
-      {"#lock file =\n", "lock file =", 0, 0},
-      {";lock file =\n", "lock file =", 0, 0},
-      {" #indented is no comment\n", "comment", 0, 1},
-      {"Use Chroot = No\n", "use chroot", 0, 0},
-      {"xabc\n", "abc", kAll | OP_FIND_PREFIX, 1},
-      {"ftp:x:21:\n", "ftp:", kPrefix, 1},
-      {"sftp:x:21:\n", "ftp:", kPrefix, 0},
-      {"abc", "abc", kPrefix, 1},
-      {"users = ftp\n", "ftp", kSuffix, 1},
-      {"users = ftp \n", "ftp", kSuffix, 0},
-      {"users = ftp", "ftp", kSuffix, 0},
-      {"tp\n", "ftp", kSuffix, 0},
-      {"abc-xyz\n", "abc", kPrefix | kSuffix, 1},
-      {"xyz-abc\n", "abc", kPrefix | kSuffix, 0},
-      {"Use Chroot = No\n", "use chroot", kNoCase, 1},
-      {"x LOCK file\n", "lock FILE", kPrefix | kNoCase, 0},
-      {"name=ABC\n", "abc", kSuffix | kNoCase, 1},
-      {"straße\n", "STRASSE", kNoCase, 1},
-      {"#ABC\n", "abc", kNoCase, 0},
-      {"\xff\xfe abc\n", "abc", kNoCase, 0},
-      {"\xff\xfe abc\n", "abc", 0, 1},
-      {nullptr, "a", 0, 0},
-      {"a\n", nullptr, 0, 0},
-      {"a\n", "a", -1, 0},
-  };
+  const MatchCase cases[] = {{"lock file = /var/run/rsyncd.lock\n", "lock file =", 0, 1},
+                             {"pid file = x\n", "lock file =", 0, 0},
+                             {"\n", "", 0, 1},
+                             {"#lock file =\n", "lock file =", 0, 0},
+                             {";lock file =\n", "lock file =", 0, 0},
+                             {" #indented is no comment\n", "comment", 0, 1},
+                             {"Use Chroot = No\n", "use chroot", 0, 0},
+                             {"xabc\n", "abc", kAll | OP_FIND_PREFIX, 1},
+                             {"ftp:x:21:\n", "ftp:", kPrefix, 1},
+                             {"sftp:x:21:\n", "ftp:", kPrefix, 0},
+                             {"abc", "abc", kPrefix, 1},
+                             {"users = ftp\n", "ftp", kSuffix, 1},
+                             {"users = ftp \n", "ftp", kSuffix, 0},
+                             {"users = ftp", "ftp", kSuffix, 0},
+                             {"tp\n", "ftp", kSuffix, 0},
+                             {"abc-xyz\n", "abc", kPrefix | kSuffix, 1},
+                             {"xyz-abc\n", "abc", kPrefix | kSuffix, 0},
+                             {"Use Chroot = No\n", "use chroot", kNoCase, 1},
+                             {"x LOCK file\n", "lock FILE", kPrefix | kNoCase, 0},
+                             {"name=ABC\n", "abc", kSuffix | kNoCase, 1},
+                             {"straße\n", "STRASSE", kNoCase, 1},
+                             {"#ABC\n", "abc", kNoCase, 0},
+                             {"\xff\xfe abc\n", "abc", kNoCase, 0},
+                             {"\xff\xfe abc\n", "abc", 0, 1},
+                             {nullptr, "a", 0, 0},
+                             {"a\n", nullptr, 0, 0},
+                             {"a\n", "a", -1, 0}};
   for (const MatchCase& c : cases) {
     SCOPED_TRACE(std::string(c.line ? c.line : "-") + " / " + (c.text ? c.text : "-") + " / " +
                  std::to_string(c.flags));
@@ -84,8 +82,7 @@ TEST(SlibFileLine, GetLineCopiesTheMatchingLineCutToTheBuffer) {
       {"uid", 0, 1, 1, "", kNoError},
       {"chroot", 0, 64, 0, "@", SLIB_ERR_NOT_FOUND},
       {"uid", 0, 0, -1, "@", SLIB_ERR_BAD_ARGUMENT},
-      {"uid", -1, 8, -1, "@", SLIB_ERR_BAD_ARGUMENT},
-  };
+      {"uid", -1, 8, -1, "@", SLIB_ERR_BAD_ARGUMENT}};
   testing_support::TempDir dir;
   const std::string path = dir.File("rsyncd.conf");
   testing_support::WriteFile(path,

@@ -60,8 +60,7 @@ TEST(SlibFile, GetKeyValueFollowsTheLineRules) {
       {"KEY=v\n", "OTHER", 0, 0, 0, "@", SLIB_ERR_NOT_FOUND},
       {"KEY=v\n", "KEY", 0, -1, -1, "@", SLIB_ERR_BAD_ARGUMENT},
       {"KEY=v\n", "KEY", -1, 64, -1, "@", SLIB_ERR_BAD_ARGUMENT},
-      {nullptr, "KEY", 0, 64, -1, "@", SLIB_ERR_OPEN},
-  };
+      {nullptr, "KEY", 0, 64, -1, "@", SLIB_ERR_OPEN}};
   TempDir dir;
   for (const GetCase& c : cases) {
     SCOPED_TRACE(std::string(c.content ? c.content : "(missing)") + " size " +
@@ -188,8 +187,7 @@ TEST(SlibFile, WritersChangeExactlyWhatTheySay) {
       {nullptr, Call::kAppend, nullptr, "", nullptr, "\n", 0, kNoError},
       {nullptr, Call::kAppend, nullptr, nullptr, nullptr, nullptr, -1, SLIB_ERR_BAD_ARGUMENT},
       {"long\nlines\n", Call::kTruncate, nullptr, nullptr, nullptr, "", 0, kNoError},
-      {nullptr, Call::kTruncate, nullptr, nullptr, nullptr, "", 0, kNoError},
-  };
+      {nullptr, Call::kTruncate, nullptr, nullptr, nullptr, "", 0, kNoError}};
   TempDir dir;
   const std::string path = dir.File("conf");
   for (const WriteCase& c : cases) {

@@ -15,6 +15,11 @@
 
 namespace testing_support {
 
+// `result` with the library's error code after it, to compare a call's return
+// value and error code in one expectation.
+inline std::pair<int, int> WithError(int result) { return {result, SLIBCErrGet()}; }
+inline std::pair<int, int> Failure(int code) { return {-1, code}; }
+
 // A fresh directory under $TMPDIR (or /tmp), removed with its contents when
 // the object goes away.
 class TempDir {
