@@ -1,35 +1,24 @@
+// Key/value files, and the line writers of lib/slib_file_line.h with them.
 #include "lib/slib_file.h"
 
-#include <gtest/gtest.h>
-#include <string.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <syslog.h>
-#include <unistd.h>
 
-#include <string>
-#include <utility>
-#include <vector>
-
-#include "lib/slib_error.h"
 #include "lib/slib_file_line.h"
-#include "lib/slib_hash.h"
 #include "test_support.h"
-
-using testing_support::FileExists;
-using testing_support::LongText;
-using testing_support::ReadFile;
-using testing_support::TempDir;
-using testing_support::WriteFile;
 
 namespace {
 
-constexpr int kNoError = 0x7777;  // no call sets it: shows that a success leaves the code alone
-constexpr int kAll = SLIB_FILE_MATCH_ALL;
-constexpr int kAfter = OP_FIND_PREFIX;
+using testing_support::LongText;
+using testing_support::ReadFile;
+using testing_support::WithError;
+using testing_support::WriteFile;
+
+constexpr int kOk = 0x7777;  // no call sets it: shows that a success leaves the code alone
 
 struct GetCase {
-  const char* content;
+  const char* content;  // null: no file
   const char* key;
   int flags;
   int size;
@@ -40,237 +29,190 @@ struct GetCase {
 
 TEST(SlibFile, GetKeyValueFollowsTheLineRules) {
   const GetCase cases[] = {
-      {"A=1\nKEY=value\nB=2\n", "KEY", 0, 64, 6, "value", kNoError},
-      {"KEY = \"a b\" \n", "KEY", 0, 64, 4, "a b", kNoError},
-      {"\tKEY\t=\tv\r\n", "KEY", 0, 64, 2, "v", kNoError},
-      {"\"KEY\"=v\n", "KEY", 0, 64, 2, "v", kNoError},
-      {"KEY=a=b\n", "KEY", 0, 64, 4, "a=b", kNoError},
-      {"KEY=\"\"\n", "KEY", 0, 64, 1, "", kNoError},
-      {"KEY=\"\n", "KEY", 0, 64, 2, "\"", kNoError},
-      {"A=1\nKEY=end", "KEY", 0, 64, 4, "end", kNoError},
-      {"KEY=first\nKEY=second\n", "KEY", 0, 64, 6, "first", kNoError},
-      {"KEY=first\nKEY=second\nX=1\n#KEY=c\n", "KEY", kAll, 64, 7, "second", kNoError},
+      {"A=1\nKEY = \"a b\" \n", "KEY", 0, 64, 4, "a b", kOk},
+      {"\t\"KEY\"\t=\tv=w\r\n", "KEY", 0, 64, 4, "v=w", kOk},
+      {"KEY=\"\"\n", "KEY", 0, 64, 1, "", kOk},
+      {"KEY=\"\n", "KEY", 0, 64, 2, "\"", kOk},
+      {"A=1\nKEY=end", "KEY", 0, 64, 4, "end", kOk},
+      {"KEY=first\nKEY=second\n", "KEY", 0, 64, 6, "first", kOk},
+      {"KEY=first\nKEY=second\n#KEY=c\n", "KEY", SLIB_FILE_MATCH_ALL, 64, 7, "second", kOk},
       {"#KEY=c\n;KEY=d\nkey=e\nKEYS=f\nKEY g\nA=KEY=h\n", "KEY", 0, 64, 0, "@", 0x2000},
-      {"KEY\nKEY=v\n", "KEY", 0, 64, 0, "@", kNoError},
-      {"KEY=v\nKEY\n", "KEY", kAll, 64, 2, "v", kNoError},
-      {"KEY=12345678\n", "KEY", 0, 9, 9, "12345678", kNoError},
+      {"KEY\nKEY=v\n", "KEY", 0, 64, 0, "@", kOk},  // a bare key matches without a value
+      {"KEY=v\nKEY\n", "KEY", SLIB_FILE_MATCH_ALL, 64, 2, "v", kOk},
+      {"KEY=12345678\n", "KEY", 0, 9, 9, "12345678", kOk},
       {"KEY=12345678\n", "KEY", 0, 8, -1, "@", SLIB_ERR_BUFFER_TOO_SMALL},
-      {"KEY=ok\nKEY=much too long\n", "KEY", kAll, 8, -1, "ok", SLIB_ERR_BUFFER_TOO_SMALL},
-      {"KEY=v\n", "KEY", 0, 0, -1, "@", SLIB_ERR_BUFFER_TOO_SMALL},
+      {"KEY=ok\nKEY=too long\n", "KEY", SLIB_FILE_MATCH_ALL, 8, -1, "ok", 0x100},
+      {"KEY=v\n", "KEY", 0, 0, -1, "@", SLIB_ERR_BUFFER_TOO_SMALL},  // probes with no buffer
       {"KEY=v\n", "OTHER", 0, 0, 0, "@", SLIB_ERR_NOT_FOUND},
       {"KEY=v\n", "KEY", 0, -1, -1, "@", SLIB_ERR_BAD_ARGUMENT},
       {"KEY=v\n", "KEY", -1, 64, -1, "@", SLIB_ERR_BAD_ARGUMENT},
       {nullptr, "KEY", 0, 64, -1, "@", SLIB_ERR_OPEN}};
-  TempDir dir;
+  testing_support::TempDir dir;
+  const std::string path = dir.File("conf");
   for (const GetCase& c : cases) {
-    SCOPED_TRACE(std::string(c.content ? c.content : "(missing)") + " size " +
-                 std::to_string(c.size));
-    unlink(dir.File("conf").c_str());
-    if (c.content != nullptr) WriteFile(dir.File("conf"), c.content);
+    unlink(path.c_str());
+    if (c.content != nullptr) WriteFile(path, c.content);
     char buffer[64] = "@";
-    SLIBCErrSet(kNoError);
-    EXPECT_EQ(c.result, SLIBFileGetKeyValue(dir.File("conf").c_str(), c.key,
-                                            c.size == 0 ? nullptr : buffer, c.size, c.flags));
+    SLIBCErrSet(kOk);
+    EXPECT_EQ(std::make_pair(c.result, c.error),
+              WithError(SLIBFileGetKeyValue(path.c_str(), c.key, c.size ? buffer : nullptr, c.size,
+                                            c.flags)))
+        << (c.content ? c.content : "-") << c.size;
     EXPECT_STREQ(c.value, buffer);
-    EXPECT_EQ(c.error, SLIBCErrGet());
   }
   const std::string value = LongText(20000, 'a');
-  WriteFile(dir.File("conf"), "PAD=" + LongText(9000, 'A') + "\nKEY=" + value + "\n");
+  WriteFile(path, "PAD=" + LongText(9000, 'A') + "\nKEY=" + value + "\n");
   std::vector<char> big(value.size() + 1);
-  EXPECT_EQ(20001, SLIBFileGetKeyValue(dir.File("conf").c_str(), "KEY", big.data(), 20001, 0));
+  EXPECT_EQ(20001, SLIBFileGetKeyValue(path.c_str(), "KEY", big.data(), 20001, 0));
   EXPECT_EQ(value, big.data());
-  EXPECT_EQ(-1, SLIBFileGetKeyValue(dir.path().c_str(), "KEY", big.data(), 8, 0));
-  EXPECT_EQ(SLIB_ERR_READ, SLIBCErrGet());
+  EXPECT_EQ(testing_support::Failure(SLIB_ERR_READ),
+            WithError(SLIBFileGetKeyValue(dir.path().c_str(), "KEY", big.data(), 8, 0)));
 }
 
-enum class Call { kSetKey, kSetQuoted, kSetKeys, kSetLine, kAddLine, kAppend, kTruncate };
+enum Call { kSetKey, kSetQuotedForm, kSetQuoted, kSetKeys, kSetKeysQuoted, kSetLine, kAddLine };
 
 struct WriteCase {
   const char* before;  // null: no file
   Call call;
-  const char* text;    // the key, or the search text
-  const char* value;   // the value, or the new line
-  const char* format;  // a format, or the flags as a number
-  const char* after;   // null: no file
+  const char* text;   // the key, or the search text
+  const char* value;  // the value, or the new line
+  int flags;
+  const char* after;  // null: no file
   int result;
   int error;
 };
 
 int Apply(const WriteCase& c, const char* path) {
-  const int flags = c.format != nullptr ? atoi(c.format) : 0;
-  switch (c.call) {
-    case Call::kSetKey:
-      return SLIBFileSetKeyValue(path, c.text, c.value, c.format);
-    case Call::kSetQuoted:
-      return SLIBFileSetQuotedKeyValue(path, c.text, c.value);
-    case Call::kSetKeys: {
-      SLIBSZHASH* hash = PshSLIBSzHashAlloc(512);
-      if (c.text != nullptr) SLIBSzHashSetValue(&hash, c.text, c.value);
-      const int result = SLIBFileSetKeys(path, hash, c.format);
-      SLIBSzHashFree(hash);
-      return result;
-    }
-    case Call::kSetLine:
-      return SLIBFileSetLine(path, c.text, c.value, flags);
-    case Call::kAddLine:
-      return SLIBFileAddLine(path, c.text, c.value, flags);
-    case Call::kAppend:
-      return SLIBFileAppendLine(path, c.value);
-    case Call::kTruncate:
-      return SLIBFileTruncate(path);
-  }
-  return -2;
+  const char* quoted =
+      c.call == kSetQuotedForm || c.call == kSetKeysQuoted ? "%s=\"%s\"\n" : nullptr;
+  SLIBSZHASH* hash = PshSLIBSzHashAlloc(512);
+  if ((c.call == kSetKeys || c.call == kSetKeysQuoted) && c.value != nullptr)
+    SLIBSzHashSetValue(&hash, c.text, c.value);
+  const int result = c.call == kSetKey || c.call == kSetQuotedForm
+                         ? SLIBFileSetKeyValue(path, c.text, c.value, quoted)
+                     : c.call == kSetQuoted ? SLIBFileSetQuotedKeyValue(path, c.text, c.value)
+                     : c.call == kSetLine   ? SLIBFileSetLine(path, c.text, c.value, c.flags)
+                     : c.call == kAddLine   ? SLIBFileAddLine(path, c.text, c.value, c.flags)
+                                            : SLIBFileSetKeys(path, hash, quoted);
+  SLIBSzHashFree(hash);
+  return result;
 }
 
-const char kConf[] = "# settings\n\nA = \"1\"\r\nKEY = \"old\"\n;KEY=comment\nB=2";
-const char kGroup[] = "root:x:0:\nftp:x:21:\nusers:x:100:\nftp:x:22:\n";
+constexpr int kAll = SLIB_FILE_MATCH_ALL, kAfter = OP_FIND_PREFIX;
+const char kConf[] = "# c\n\nA = \"1\"\r\nK = \"old\"\n;K=c\nB=2";
+const char kLines[] = "r:0\nf:1\nu:2\nf:3\n";
 const char kShares[] = "a=1\n#x=0\nx=1\r\nb=2\nx=3\nc=4";
 
 TEST(SlibFile, WritersChangeExactlyWhatTheySay) {
-  const std::string after_all = std::to_string(kAll | kAfter), all = std::to_string(kAll);
-  const std::string after = std::to_string(kAfter), prefix = std::to_string(kAfter | 2);
-  const std::string suffix = std::to_string(SLIB_FILE_MATCH_SUFFIX);
-  const std::string nocase = std::to_string(SLIB_FILE_MATCH_NOCASE | kAfter);
   const WriteCase cases[] = {
-      {kConf, Call::kSetKey, "KEY", "new value", nullptr,
-       "# settings\n\nA = \"1\"\r\nKEY=new value\n;KEY=comment\nB=2", 1, kNoError},
-      {"A=1\n#NEW=0\nB=2", Call::kSetKey, "NEW", "2", nullptr, "A=1\n#NEW=0\nB=2\nNEW=2\n", 1,
-       kNoError},
-      {"A=1\nB=2", Call::kSetKey, "B", "9", nullptr, "A=1\nB=9\n", 1, kNoError},
-      {nullptr, Call::kSetKey, "KEY", "v", "%s=\"%s\"\n", "KEY=\"v\"\n", 1, kNoError},
-      {"KEY=1\nA=x\n KEY =2\n#KEY=3\nKEY=4\n", Call::kSetKey, "KEY", "9", nullptr,
-       "KEY=9\nA=x\n#KEY=3\n", 1, kNoError},
-      {"A=x\nKEY\nKEY=4\n", Call::kSetKey, "KEY", "9", nullptr, "A=x\nKEY=9\n", 1, kNoError},
-      {"KEY=old\nA=1\n", Call::kSetKey, "KEY", "new", "%s=\"%s\"\n", "KEY=old\n=\"new\"\nA=1\n", 1,
-       kNoError},
-      {"A=1\n", Call::kSetKey, nullptr, "v", nullptr, "A=1\n", -1, SLIB_ERR_BAD_ARGUMENT},
-      {"A=1\n", Call::kSetKey, "A", nullptr, nullptr, "A=1\n", -1, SLIB_ERR_BAD_ARGUMENT},
-      {"A=\"1\"\nMTU=\"9000\"\nB=2\nMTU=\"4074\"\n", Call::kSetQuoted, "MTU", "8000", nullptr,
-       "A=\"1\"\nMTU=\"8000\"\nB=2\n", 1, kNoError},
-      {"A=\"1\"\n", Call::kSetQuoted, "C", "new value", nullptr, "A=\"1\"\nC=\"new value\"\n", 1,
-       kNoError},
-      {nullptr, Call::kSetQuoted, "MTU", "1500", nullptr, "MTU=\"1500\"\n", 1, kNoError},
-      {"A=1\n", Call::kSetQuoted, nullptr, "1", nullptr, "A=1\n", -1, SLIB_ERR_BAD_ARGUMENT},
-      {"# B=c\nA=1\n B = \"2\"\n\nC=3\nB=dup", Call::kSetKeys, "B", "20", nullptr,
-       "# B=c\nA=1\nB=20\n\nC=3\nB=dup", 1, kNoError},
-      {"A=1\nC=3", Call::kSetKeys, "D", "x y", "%s=\"%s\"\n", "A=1\nC=3\nD=\"x y\"\n", 1, kNoError},
-      {"A=1\n;x\n", Call::kSetKeys, nullptr, nullptr, nullptr, "A=1\n;x\n", 1, kNoError},
-      {nullptr, Call::kSetKeys, "D", "4", nullptr, nullptr, -1, SLIB_ERR_OPEN},
-      {kShares, Call::kSetLine, "x=", "x=new", nullptr, "a=1\n#x=0\nx=new\nb=2\nx=3\nc=4", 1,
-       kNoError},
-      {kShares, Call::kSetLine, "x=", "x=new", all.c_str(), "a=1\n#x=0\nx=1\r\nb=2\nx=new\nc=4", 1,
-       kNoError},
-      {kShares, Call::kSetLine, "b=", nullptr, nullptr, "a=1\n#x=0\nx=1\r\nx=3\nc=4", 1, kNoError},
-      {kShares, Call::kSetLine, "c", "c=5", "2", "a=1\n#x=0\nx=1\r\nb=2\nx=3\nc=5\n", 1, kNoError},
-      {kShares, Call::kSetLine, "=3", "x=33", suffix.c_str(), "a=1\n#x=0\nx=1\r\nb=2\nx=33\nc=4", 1,
-       kNoError},
-      {kShares, Call::kSetLine, "x=0", "x=new", nullptr, kShares, -1, SLIB_ERR_NOT_FOUND},
-      {nullptr, Call::kSetLine, "x=", "x=1", nullptr, "x=1\n", 1, kNoError},
-      {kGroup, Call::kAddLine, nullptr, "new", nullptr,
-       "new\nroot:x:0:\nftp:x:21:\nusers:x:100:\nftp:x:22:\n", 1, kNoError},
-      {"A=1\nB=2", Call::kAddLine, nullptr, "new", after.c_str(), "A=1\nB=2\nnew\n", 1, kNoError},
-      {kGroup, Call::kAddLine, "ftp:", "new", nullptr,
-       "root:x:0:\nnew\nftp:x:21:\nusers:x:100:\nftp:x:22:\n", 1, kNoError},
-      {kGroup, Call::kAddLine, "ftp:", "new", after.c_str(),
-       "root:x:0:\nftp:x:21:\nnew\nusers:x:100:\nftp:x:22:\n", 1, kNoError},
-      {kGroup, Call::kAddLine, "ftp:", "new", all.c_str(),
-       "root:x:0:\nftp:x:21:\nusers:x:100:\nnew\nftp:x:22:\n", 1, kNoError},
-      {"A=1\nB=2", Call::kAddLine, "B=", "new", after_all.c_str(), "A=1\nB=2\nnew\n", 1, kNoError},
-      {kGroup, Call::kAddLine, "users", "new", prefix.c_str(),
-       "root:x:0:\nftp:x:21:\nusers:x:100:\nnew\nftp:x:22:\n", 1, kNoError},
-      {kGroup, Call::kAddLine, "USERS", "new", nocase.c_str(),
-       "root:x:0:\nftp:x:21:\nusers:x:100:\nnew\nftp:x:22:\n", 1, kNoError},
-      {kGroup, Call::kAddLine, "nobody", "new", nullptr, kGroup, -1, SLIB_ERR_NOT_FOUND},
-      {"", Call::kAddLine, "x", "new", nullptr, "", -1, SLIB_ERR_NOT_FOUND},
-      {nullptr, Call::kAddLine, "x", "new", nullptr, "new\n", 1, kNoError},
-      {"log line", Call::kAppend, nullptr, "next", nullptr, "log line\nnext\n", 0, kNoError},
-      {nullptr, Call::kAppend, nullptr, "", nullptr, "\n", 0, kNoError},
-      {nullptr, Call::kAppend, nullptr, nullptr, nullptr, nullptr, -1, SLIB_ERR_BAD_ARGUMENT},
-      {"long\nlines\n", Call::kTruncate, nullptr, nullptr, nullptr, "", 0, kNoError},
-      {nullptr, Call::kTruncate, nullptr, nullptr, nullptr, "", 0, kNoError}};
-  TempDir dir;
+      {kConf, kSetKey, "K", "new", 0, "# c\n\nA = \"1\"\r\nK=new\n;K=c\nB=2", 1, kOk},
+      {"A=1\n#N=0\nB=2", kSetKey, "N", "2", 0, "A=1\n#N=0\nB=2\nN=2\n", 1, kOk},
+      {"A=1\nB=2", kSetKey, "B", "9", 0, "A=1\nB=9\n", 1, kOk},
+      {"K=1\nA=x\n K =2\n#K=3\nK=4\n", kSetKey, "K", "9", 0, "K=9\nA=x\n#K=3\n", 1, kOk},
+      {"A=x\nK\nK=4\n", kSetKey, "K", "9", 0, "A=x\nK=9\n", 1, kOk},
+      {nullptr, kSetQuotedForm, "K", "v", 0, "K=\"v\"\n", 1, kOk},
+      {"K=old\nA=1\n", kSetQuotedForm, "K", "new", 0, "K=old\n=\"new\"\nA=1\n", 1, kOk},
+      {"A=1\n", kSetKey, "A", nullptr, 0, "A=1\n", -1, SLIB_ERR_BAD_ARGUMENT},
+      {"M=\"9000\"\nB=2\nM=\"4074\"\n", kSetQuoted, "M", "80", 0, "M=\"80\"\nB=2\n", 1, kOk},
+      {"A=\"1\"\n", kSetQuoted, "C", "new value", 0, "A=\"1\"\nC=\"new value\"\n", 1, kOk},
+      {nullptr, kSetQuoted, "M", "1500", 0, "M=\"1500\"\n", 1, kOk},
+      {"# B=c\nA=1\n B = \"2\"\n\nB=dup", kSetKeys, "B", "20", 0, "# B=c\nA=1\nB=20\n\nB=dup", 1,
+       kOk},
+      {"A=1\nC=3", kSetKeysQuoted, "D", "x y", 0, "A=1\nC=3\nD=\"x y\"\n", 1, kOk},
+      {"A=1\n;x\n", kSetKeys, "", nullptr, 0, "A=1\n;x\n", 1, kOk},
+      {nullptr, kSetKeys, "D", "4", 0, nullptr, -1, SLIB_ERR_OPEN},
+      {kShares, kSetLine, "x=", "x=new", 0, "a=1\n#x=0\nx=new\nb=2\nx=3\nc=4", 1, kOk},
+      {kShares, kSetLine, "x=", "x=new", kAll, "a=1\n#x=0\nx=1\r\nb=2\nx=new\nc=4", 1, kOk},
+      {kShares, kSetLine, "b=", nullptr, 0, "a=1\n#x=0\nx=1\r\nx=3\nc=4", 1, kOk},
+      {kShares, kSetLine, "c", "c=5", 2, "a=1\n#x=0\nx=1\r\nb=2\nx=3\nc=5\n", 1, kOk},
+      {kShares, kSetLine, "=3", "x=33", 4, "a=1\n#x=0\nx=1\r\nb=2\nx=33\nc=4", 1, kOk},
+      {kShares, kSetLine, "x=0", "x=new", 0, kShares, -1, SLIB_ERR_NOT_FOUND},
+      {nullptr, kSetLine, "x=", "x=1", 0, "x=1\n", 1, kOk},
+      {kLines, kAddLine, nullptr, "N", 0, "N\nr:0\nf:1\nu:2\nf:3\n", 1, kOk},
+      {"A=1\nB=2", kAddLine, nullptr, "N", kAfter, "A=1\nB=2\nN\n", 1, kOk},
+      {kLines, kAddLine, "f:", "N", 0, "r:0\nN\nf:1\nu:2\nf:3\n", 1, kOk},
+      {kLines, kAddLine, "f:", "N", kAfter, "r:0\nf:1\nN\nu:2\nf:3\n", 1, kOk},
+      {kLines, kAddLine, "f:", "N", kAll, "r:0\nf:1\nu:2\nN\nf:3\n", 1, kOk},
+      {"A=1\nB=2", kAddLine, "B=", "N", kAll | kAfter, "A=1\nB=2\nN\n", 1, kOk},
+      {kLines, kAddLine, "U", "N", kAfter | 2 | 0x400, "r:0\nf:1\nu:2\nN\nf:3\n", 1, kOk},
+      {kLines, kAddLine, "x:", "N", 0, kLines, -1, SLIB_ERR_NOT_FOUND},
+      {nullptr, kAddLine, "x", "N", 0, "N\n", 1, kOk}};
+  testing_support::TempDir dir;
   const std::string path = dir.File("conf");
   for (const WriteCase& c : cases) {
-    SCOPED_TRACE(std::string(c.before ? c.before : "(missing)") + " / " + (c.text ? c.text : "-") +
-                 " / " + (c.value ? c.value : "-") + " / " + (c.format ? c.format : "-"));
     unlink(path.c_str());
     if (c.before != nullptr) WriteFile(path, c.before);
-    SLIBCErrSet(kNoError);
-    EXPECT_EQ(c.result, Apply(c, path.c_str()));
+    SLIBCErrSet(kOk);
+    EXPECT_EQ(std::make_pair(c.result, c.error), WithError(Apply(c, path.c_str())))
+        << (c.before ? c.before : "-") << " / " << (c.text ? c.text : "-") << " / "
+        << (c.value ? c.value : "-");
     EXPECT_EQ(c.after != nullptr ? c.after : "<missing>", ReadFile(path));
-    EXPECT_EQ(c.error, SLIBCErrGet());
-    EXPECT_FALSE(FileExists(path + ".tmp"));
+    EXPECT_FALSE(testing_support::FileExists(path + ".tmp"));
   }
+  WriteFile(path, "log line");
+  EXPECT_EQ(0, SLIBFileAppendLine(path.c_str(), "next") + SLIBFileAppendLine(path.c_str(), ""));
+  EXPECT_EQ("log line\nnext\n\n", ReadFile(path));
+  EXPECT_EQ(0, SLIBFileTruncate(path.c_str()));
+  EXPECT_EQ("", ReadFile(path));
 }
 
 TEST(SlibFile, RewritesCopyLongLinesWholeAndKeepModeAndOwner) {
-  TempDir dir;
-  const std::string path = dir.File("conf");
-  const std::string head = "PAD=" + LongText(12000, 'a') + "\n";
-  const std::string tail = "TAIL=" + LongText(30000, 'A') + "\n";
-  WriteFile(path, head + "KEY=" + LongText(9000, 'k') + "\n" + tail);
-  ASSERT_EQ(0, chmod(path.c_str(), 0600));
-  ASSERT_EQ(0, chown(path.c_str(), 1234, 5678));
+  testing_support::TempDir dir;
+  const std::string path = dir.File("conf"), tail = "T=" + LongText(30000, 'A') + "\n";
+  WriteFile(path, "P=" + LongText(12000, 'a') + "\nK=" + LongText(9000, 'k') + "\n" + tail);
+  ASSERT_EQ(0, chmod(path.c_str(), 0600) + chown(path.c_str(), 1234, 5678));
   const mode_t old_mask = umask(022);
   const std::string value = LongText(17000, 'v');
-  EXPECT_EQ(1, SLIBFileSetKeyValue(path.c_str(), "KEY", value.c_str(), nullptr));
-  EXPECT_EQ(1, SLIBFileAddLine(path.c_str(), "TAIL=", "X", 0));
-  EXPECT_EQ(1, SLIBFileSetLine(path.c_str(), "PAD=", "P", 0));
+  EXPECT_EQ(3, SLIBFileSetKeyValue(path.c_str(), "K", value.c_str(), nullptr) +
+                   SLIBFileAddLine(path.c_str(), "T=", "X", 0) +
+                   SLIBFileSetLine(path.c_str(), "P=", "P", 0));
   umask(old_mask);
-  EXPECT_EQ("P\nKEY=" + value + "\nX\n" + tail, ReadFile(path));
+  EXPECT_EQ("P\nK=" + value + "\nX\n" + tail, ReadFile(path));
   struct stat st;
   ASSERT_EQ(0, stat(path.c_str(), &st));
-  EXPECT_EQ(0600u, st.st_mode & 07777);
-  EXPECT_EQ(1234u, st.st_uid);
-  EXPECT_EQ(5678u, st.st_gid);
+  EXPECT_EQ(std::make_tuple(0600u, 1234u, 5678u),
+            std::make_tuple(st.st_mode & 07777, st.st_uid, st.st_gid));
 }
 
 TEST(SlibFile, FailedRewritesLeaveTheFileAlone) {
-  {  // A full file system: a tiny tmpfs inside a private /tmp.
-    const std::string why = testing_support::EnterPrivateTmp();
-    if (!why.empty()) GTEST_SKIP() << why;
-    mkdir("/tmp/tiny", 0755);
-    ASSERT_EQ(0, mount("tmpfs", "/tmp/tiny", "tmpfs", 0, "size=64k"));
-    const std::string content = "A=1\nKEY=old\nPAD=" + LongText(40000, 'a') + "\n";
-    WriteFile("/tmp/tiny/conf", content);
-    EXPECT_EQ(-1, SLIBFileSetKeyValue("/tmp/tiny/conf", "KEY", "new", nullptr));
-    EXPECT_EQ(SLIB_ERR_WRITE, SLIBCErrGet());
-    SLIBSZHASH* hash = PshSLIBSzHashAlloc(512);
-    SLIBSzHashSetValue(&hash, "KEY", LongText(60000, 'b').c_str());
-    testing_support::SyslogRecords().clear();
-    EXPECT_EQ(-1, SLIBFileSetKeys("/tmp/tiny/conf", hash, nullptr));
-    SLIBSzHashFree(hash);
-    EXPECT_EQ(content, ReadFile("/tmp/tiny/conf"));
-    EXPECT_FALSE(FileExists("/tmp/tiny/conf.tmp"));
-    EXPECT_EQ((std::vector<testing_support::SyslogRecord>{
-                  {LOG_ERR,
-                   "SLIBFileSetKeys(): \t\t\t\t   SLIBILineKeyMoveHash2File(pfTmp, szBuf, pHash, "
-                   "szFormat) failed! \t\t\t\t   szBuf=KEY=old\n, szFormat=(null)"}}),
-              testing_support::SyslogRecords());
-    umount2("/tmp/tiny", MNT_DETACH);
-  }
-  TempDir dir;
-  const std::string path = dir.File("conf");
-  WriteFile(path, "A=1\nKEY=old\n");
-  ASSERT_EQ(0, mkdir((path + ".tmp").c_str(), 0755));
-  EXPECT_EQ(-1, SLIBFileSetKeyValue(path.c_str(), "KEY", "new", nullptr));
-  EXPECT_EQ(SLIB_ERR_OPEN, SLIBCErrGet());
-  EXPECT_EQ(-1, SLIBFileAddLine(path.c_str(), nullptr, "X", 0));
-  EXPECT_EQ(-1, SLIBFileSetLine(path.c_str(), "KEY", "X", 0));
-  EXPECT_EQ("A=1\nKEY=old\n", ReadFile(path));
-  EXPECT_EQ(-1, SLIBFileSetKeyValue(dir.path().c_str(), "KEY", "v", nullptr));
-  EXPECT_EQ(SLIB_ERR_BAD_ARGUMENT, SLIBCErrGet());
-  EXPECT_EQ(-1, SLIBFileAppendLine(dir.path().c_str(), "x"));
-  EXPECT_EQ(SLIB_ERR_OPEN, SLIBCErrGet());
+  const std::string why = testing_support::EnterPrivateTmp();
+  if (!why.empty()) GTEST_SKIP() << why;
+  mkdir("/tmp/tiny", 0755);
+  ASSERT_EQ(0, mount("tmpfs", "/tmp/tiny", "tmpfs", 0, "size=64k"));  // fills up quickly
+  const std::string content = "A=1\nKEY=old\nPAD=" + LongText(40000, 'a') + "\n";
+  WriteFile("/tmp/tiny/conf", content);
+  EXPECT_EQ(testing_support::Failure(SLIB_ERR_WRITE),
+            WithError(SLIBFileSetKeyValue("/tmp/tiny/conf", "KEY", "new", nullptr)));
+  SLIBSZHASH* hash = PshSLIBSzHashAlloc(512);
+  SLIBSzHashSetValue(&hash, "KEY", LongText(60000, 'b').c_str());
+  testing_support::SyslogRecords().clear();
+  EXPECT_EQ(-1, SLIBFileSetKeys("/tmp/tiny/conf", hash, nullptr));
+  SLIBSzHashFree(hash);
+  EXPECT_EQ(content, ReadFile("/tmp/tiny/conf"));
+  EXPECT_FALSE(testing_support::FileExists("/tmp/tiny/conf.tmp"));
+  EXPECT_EQ(
+      "SLIBFileSetKeys(): \t\t\t\t   SLIBILineKeyMoveHash2File(pfTmp, szBuf, pHash, "
+      "szFormat) failed! \t\t\t\t   szBuf=KEY=old\n, szFormat=(null)",
+      testing_support::SyslogRecords().at(0).second);
+  umount2("/tmp/tiny", MNT_DETACH);
+  WriteFile("/tmp/conf", "A=1\n");
+  ASSERT_EQ(0, mkdir("/tmp/conf.tmp", 0755));
+  EXPECT_EQ(testing_support::Failure(SLIB_ERR_OPEN),
+            WithError(SLIBFileSetKeyValue("/tmp/conf", "KEY", "new", nullptr)));
+  EXPECT_EQ(-2, SLIBFileAddLine("/tmp/conf", nullptr, "X", 0) +
+                    SLIBFileSetLine("/tmp/conf", "A", "X", 0));
+  EXPECT_EQ("A=1\n", ReadFile("/tmp/conf"));
+  EXPECT_EQ(testing_support::Failure(SLIB_ERR_BAD_ARGUMENT),
+            WithError(SLIBFileSetKeyValue("/tmp", "KEY", "v", nullptr)));
 }
 
 TEST(SlibFile, WritersTraceTheDefaultfsKey) {
-  TempDir dir;
+  testing_support::TempDir dir;
   testing_support::SyslogRecords().clear();
-  EXPECT_EQ(1, SLIBFileSetKeyValue(dir.File("c").c_str(), "defaultfs", "ext3", nullptr));
-  EXPECT_EQ(1, SLIBFileSetKeyValue(dir.File("c").c_str(), "defaultfs2", "x", nullptr));
-  EXPECT_EQ(1, SLIBFileSetLine(dir.File("c").c_str(), "ext3", "other", 0));
-  EXPECT_EQ(-1, SLIBFileSetLine(dir.File("c").c_str(), "my_defaultfs", nullptr, 0));
+  EXPECT_EQ(2, SLIBFileSetKeyValue(dir.File("c").c_str(), "defaultfs", "ext3", nullptr) +
+                   SLIBFileSetKeyValue(dir.File("c").c_str(), "defaultfs2", "x", nullptr));
+  EXPECT_EQ(0, SLIBFileSetLine(dir.File("c").c_str(), "ext3", "other", 0) +
+                   SLIBFileSetLine(dir.File("c").c_str(), "my_defaultfs", nullptr, 0));
   EXPECT_EQ(
       (std::vector<testing_support::SyslogRecord>{{LOG_ERR, "szKey=defaultfs, szValue=ext3"},
                                                   {LOG_ERR, "szKey=my_defaultfs, szLine=(null)"}}),
@@ -278,52 +220,24 @@ TEST(SlibFile, WritersTraceTheDefaultfsKey) {
 }
 
 TEST(SlibFile, GetSectionReadsTheKeysOfTheFirstMatchingSection) {
-  TempDir dir;
+  testing_support::TempDir dir;
   WriteFile(dir.File("smb.conf"),
-            "top=0\n[global]\nworkgroup = WORK\n[NetBackup]  \r\npath = \"/volume1/NetBackup\"\n"
-            "# comment = no\nno equals sign\n = empty key\nread only=no\npath=/volume1/second\n"
-            "empty=\n[netbackup]\nlower=case\n[NetBackup]\nagain=yes\n");
-  WriteFile(dir.File("last"), "[a]\nx=1\n  [b]\ny=2\n[last]\nk = v");
+            "top=0\n[NetBackup]  \r\npath = \"/v/a\"\n# c = no\nno equals\n = empty key\n"
+            "read only=no\npath=/v/b\nempty=\n[netbackup]\nlower=1\n  [b]\nb=2\n[NetBackup]\nx=1");
   SLIBSZHASH* hash = PshSLIBSzHashAlloc(512);
-  SLIBCErrSet(kNoError);
-  EXPECT_EQ(4, SLIBFileGetSection(dir.File("smb.conf").c_str(), "NetBackup", &hash));
-  EXPECT_EQ(kNoError, SLIBCErrGet());
-  const std::pair<const char*, const char*> expected[] = {
-      {"path", "/volume1/second"}, {"read only", "no"}, {"empty", ""},   {"# comment", "no"},
-      {"lower", nullptr},          {"again", nullptr},  {"top", nullptr}};
-  for (const auto& entry : expected) {
-    EXPECT_STREQ(entry.second, SzSLIBSzHashGetValue(hash, entry.first)) << entry.first;
+  SLIBCErrSet(kOk);
+  EXPECT_EQ(std::make_pair(4, kOk),
+            WithError(SLIBFileGetSection(dir.File("smb.conf").c_str(), "NetBackup", &hash)));
+  EXPECT_EQ(4, SLIBFileGetSection(dir.File("smb.conf").c_str(), "b", &hash));
+  std::string entries;
+  for (const char* key : {"path", "read only", "empty", "# c", "lower", "b", "x", "top"}) {
+    const char* value = SzSLIBSzHashGetValue(hash, key);
+    entries += std::string(key) + "=" + (value ? value : "-") + ";";
   }
-  EXPECT_EQ(5, SLIBFileGetSection(dir.File("last").c_str(), "last", &hash));
-  EXPECT_EQ(5, SLIBFileGetSection(dir.File("last").c_str(), "b", &hash));
-  EXPECT_EQ(nullptr, SzSLIBSzHashGetValue(hash, "x"));
-  EXPECT_EQ(nullptr, SzSLIBSzHashGetValue(hash, "y"));
-  EXPECT_EQ(-1, SLIBFileGetSection(dir.File("missing").c_str(), "a", &hash));
-  EXPECT_EQ(SLIB_ERR_OPEN, SLIBCErrGet());
+  EXPECT_EQ("path=/v/b;read only=no;empty=;# c=no;lower=-;b=-;x=-;top=-;", entries);
+  EXPECT_EQ(testing_support::Failure(SLIB_ERR_OPEN),
+            WithError(SLIBFileGetSection(dir.File("missing").c_str(), "a", &hash)));
   SLIBSzHashFree(hash);
-}
-
-TEST(SlibFile, LineKeyMoveHash2FileWritesOnlyLinesWhoseKeyIsInTheHash) {
-  const std::pair<const char*, const char*> cases[] = {{"K=old\n", "K=new\n"},
-                                                       {"  K = old  \n", "K=new\n"},
-                                                       {"#K=old\n", ""},
-                                                       {"  ;K=old\n", ""},
-                                                       {"\n", ""},
-                                                       {"K old\n", ""},
-                                                       {" =old\n", ""},
-                                                       {"OTHER=1\n", ""}};
-  TempDir dir;
-  for (const auto& c : cases) {
-    SLIBSZHASH* hash = PshSLIBSzHashAlloc(512);
-    SLIBSzHashSetValue(&hash, "K", "new");
-    FILE* tmp = fopen(dir.File("tmp").c_str(), "w");
-    const int moved = *c.second != '\0' ? 1 : 0;
-    EXPECT_EQ(moved, SLIBILineKeyMoveHash2File(tmp, c.first, hash, nullptr)) << c.first;
-    fclose(tmp);
-    EXPECT_EQ(c.second, ReadFile(dir.File("tmp")));
-    EXPECT_STREQ(moved ? nullptr : "new", SzSLIBSzHashGetValue(hash, "K"));
-    SLIBSzHashFree(hash);
-  }
 }
 
 }  // namespace
