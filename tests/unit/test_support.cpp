@@ -15,21 +15,13 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "lib/slib_pause.h"
 
 namespace testing_support {
 
-TempDir::TempDir() {
-  const char* base = getenv("TMPDIR");
-  std::string pattern =
-      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/updater-test-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) {
-    perror("mkdtemp");
-    abort();
-  }
-  path_ = pattern;
+TempDir::TempDir() : path_(std::string(getenv("TMPDIR") ?: "/tmp") + "/updater-test-XXXXXX") {
+  if (mkdtemp(&path_[0]) == nullptr) abort();
 }
 
 TempDir::~TempDir() {
@@ -44,20 +36,12 @@ std::string TempDir::File(const std::string& name) const { return path_ + "/" + 
 
 std::string ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  if (!in) return "<missing>";
-  std::ostringstream content;
-  content << in.rdbuf();
-  return content.str();
+  return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "<missing>";
 }
 
 void WriteFile(const std::string& path, const std::string& content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << content;
-  out.close();
-  if (!out) {
-    fprintf(stderr, "cannot write %s\n", path.c_str());
-    abort();
-  }
+  if (!(out << content).flush()) abort();
 }
 
 bool FileExists(const std::string& path) {
@@ -79,19 +63,19 @@ std::string EnterMountNamespace() {
   return std::string("unshare(CLONE_NEWNS): ") + strerror(errno);
 }
 
+std::string MountOrWhy(const char* source, const std::string& target, const char* type,
+                       unsigned long flags, const char* data) {
+  if (mount(source, target.c_str(), type, flags, data) == 0) return "";
+  return "cannot mount " + target + ": " + strerror(errno);
+}
+
 }  // namespace
 
 std::string EnterPrivateTmp() {
-  static std::string result = [] {
+  static const std::string result = [] {
     std::string why = EnterMountNamespace();
-    if (!why.empty()) return why;
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-      return std::string("cannot make mounts private: ") + strerror(errno);
-    }
-    if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
-      return std::string("cannot mount a private /tmp: ") + strerror(errno);
-    }
-    return std::string();
+    if (why.empty()) why = MountOrWhy(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+    return why.empty() ? MountOrWhy("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") : why;
   }();
   return result;
 }
@@ -99,12 +83,6 @@ std::string EnterPrivateTmp() {
 namespace {
 
 constexpr char kThrowawayBase[] = "/tmp/.throwaway";
-
-std::string MountOrWhy(const char* source, const std::string& target, const char* type,
-                       unsigned long flags, const char* data) {
-  if (mount(source, target.c_str(), type, flags, data) == 0) return "";
-  return "cannot mount " + target + ": " + strerror(errno);
-}
 
 std::string BindDevice(const std::string& root, const char* name) {
   const std::string host = std::string("/dev/") + name;
@@ -137,23 +115,24 @@ std::string BuildThrowawayRoot() {
   // covers it.
   const int host_tmp = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (host_tmp < 0) return std::string("cannot open /tmp: ") + strerror(errno);
+  const std::string base = kThrowawayBase, root = base + "/root";
   why = MountOrWhy("tmpfs", "/tmp", "tmpfs", 0, "mode=1777");
-  const std::string base = kThrowawayBase;
-  const std::string root = base + "/root";
-  if (why.empty()) {
-    mkdir(base.c_str(), 0755);
-    mkdir(root.c_str(), 0755);
-    why = MountOverlay("/", base + "/rootfs", root);
-  }
-  if (why.empty()) {
-    why = MountOverlay("/proc/self/fd/" + std::to_string(host_tmp), base + "/tmpfs", root + "/tmp");
-  }
+  mkdir(base.c_str(), 0755);
+  mkdir(root.c_str(), 0755);
+  const std::function<std::string()> steps[] = {
+      [&] { return MountOverlay("/", base + "/rootfs", root); },
+      [&] {
+        return MountOverlay("/proc/self/fd/" + std::to_string(host_tmp), base + "/tmpfs",
+                            root + "/tmp");
+      },
+      [&] { return MountOrWhy("tmpfs", root + "/dev", "tmpfs", 0, "mode=755"); },
+      [&] { return MountOrWhy("/proc", root + "/proc", nullptr, MS_BIND | MS_REC, nullptr); },
+      [&] {
+        return BindDevice(root, "null") + BindDevice(root, "zero") + BindDevice(root, "urandom") +
+               BindDevice(root, "fuse");
+      }};
+  for (const auto& step : steps) why = why.empty() ? step() : why;
   close(host_tmp);
-  if (why.empty()) why = MountOrWhy("tmpfs", root + "/dev", "tmpfs", 0, "mode=755");
-  if (why.empty()) why = MountOrWhy("/proc", root + "/proc", nullptr, MS_BIND | MS_REC, nullptr);
-  for (const char* device : {"null", "zero", "urandom", "fuse"}) {
-    if (why.empty()) why = BindDevice(root, device);
-  }
   if (!why.empty()) return why;
   if (chroot(root.c_str()) != 0 || chdir("/") != 0) {
     return std::string("cannot enter the throwaway root: ") + strerror(errno);

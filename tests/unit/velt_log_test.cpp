@@ -126,15 +126,13 @@ TEST_F(VeltLog, FirstWriteCreatesTheConfigurationAndAnExactPrivateRecord) {
             ReadFile(kConnLog));
   struct stat st;
   EXPECT_EQ(0600u, stat(kConnLog, &st) == 0 ? st.st_mode & 0777 : 0);
-  const std::string conf = ReadFile(kConf);
-  EXPECT_EQ(12, std::count(conf.begin(), conf.end(), '\n'));
-  for (const char* line :
-       {"syslogfile\t=\t\"/var/log/veltsys.log\"\nsyslogfilesize_MAX\t=\t\"65536\"\n",
-        "\nmanlogfile\t=\t\"/var/log/veltman1.log\"\n",
-        "\nbkplogfile\t=\t\"/var/log/veltbackup.log\"\n",
-        "\nnetbkplogfilesize_MAX\t=\t\"65536\"\n"}) {
-    EXPECT_NE(std::string::npos, conf.find(line)) << line;
+  std::string conf;  // the six logs in their order, "man" in file "veltman1", "bkp" in "veltbackup"
+  for (std::string log : {"sys", "man", "conn", "bkp", "copy", "netbkp"}) {
+    const std::string file = log == "man" ? "man1" : log == "bkp" ? "backup" : log;
+    conf += log + "logfile\t=\t\"/var/log/velt" + file + ".log\"\n" + log +
+            "logfilesize_MAX\t=\t\"65536\"\n";
   }
+  EXPECT_EQ(conf, ReadFile(kConf));
 }
 
 TEST_F(VeltLog, ClassesWithoutALogAreRefused) {
@@ -232,12 +230,6 @@ TEST_F(VeltLog, FailedRecordWriteIsLoggedAndLeavesTheHeaderAlone) {
   EXPECT_TRUE(Logged(LOG_ERR, "VELTLogWriteByte(): write() error!, input count is [45]"));
   EXPECT_TRUE(Logged(LOG_ERR, "sdk/veltlog1.c : lline 410"));
   EXPECT_EQ(kEmptyRing, ReadFile(kConnLog));
-  // A limit without room for a record still initialises a new file.
-  unlink(kConnLog);
-  WriteConf("connlogfilesize_MAX", "40");
-  EXPECT_FALSE(Write(3, 1));
-  EXPECT_EQ(SLIB_ERR_BAD_ARGUMENT, SLIBCErrGet());
-  EXPECT_EQ(kEmptyRing, ReadFile(kConnLog));
 }
 
 TEST_F(VeltLog, ExportLinesCarryLevelSourceTimeTextUserAndProgram) {
@@ -270,15 +262,12 @@ TEST_F(VeltLog, ExportLinesCarryLevelSourceTimeTextUserAndProgram) {
                                   "szSource = Connection"));
   EXPECT_EQ(-1, VELTLogExport(5, lang_.c_str(), "/tmp/out.txt"));
   EXPECT_TRUE(Logged(LOG_ERR, "Veltara log file /var/log/veltbackup.log not exist"));
-  EXPECT_EQ(-1, VELTLogExport(3, lang_.c_str(), "/missing/out.txt"));
-  EXPECT_TRUE(Logged(LOG_ERR, "output log file open failed [2].\n"));
 }
 
 TEST_F(VeltLog, EventTextsFillPlaceholdersAndAreCachedPerLanguage) {
-  const std::string long_arg(500, 'L');
   EXPECT_EQ("Chain two two", Text(0x11801E02, "@2", "two"));  // first: reads its section
   EXPECT_EQ("seq 5", Text(kSeq, "5"));
-  EXPECT_EQ("Twice " + long_arg + " and " + long_arg, Text(0x11800D01, long_arg.c_str()));
+  EXPECT_EQ("Twice x and x", Text(0x11800D01, "x"));
   EXPECT_EQ("<null>", Text(0x11800D03, "a"));
   char* raw = VELTLogGetEventText(lang_.c_str(), 0x12900012, "a", nullptr, "", "d");
   EXPECT_STREQ("User a changed @2 to @3 (d)", raw);
@@ -330,10 +319,6 @@ TEST_F(VeltLog, SetSizeWritesTheKeyAndLaterWritesObeyIt) {
   EXPECT_GT(Size(kConnLog), 4096u - 200);
   ASSERT_EQ(0, VELTLogSetSize("newkey_MAX", "1"));
   EXPECT_EQ(conf + "newkey_MAX=\t\"1\"\n", ReadFile(kConf));
-  ASSERT_EQ(0, unlink(kConf) + symlink("/missing/dir/veltlog.conf", kConf));
-  EXPECT_EQ(-1, VELTLogSetSize("syslogfilesize_MAX", "100"));
-  EXPECT_TRUE(
-      Logged(LOG_ERR, "logconf file created error while set size coz the logconf not exist!"));
   ASSERT_EQ(0, unlink(kConf) + mkdir(kConf, 0755));
   EXPECT_EQ(-1, VELTLogSetSize("syslogfilesize_MAX", "100"));
   EXPECT_TRUE(Logged(LOG_ERR, "error occured in setkeyvalue in /etc/veltlog.conf."));
@@ -341,25 +326,23 @@ TEST_F(VeltLog, SetSizeWritesTheKeyAndLaterWritesObeyIt) {
 }
 
 #ifdef VELTLOG_TOOL
-int RunTool(const std::string& arguments) {
-  const int status = system(
-      (std::string(VELTLOG_TOOL) + " " + arguments + " >/tmp/tool.out 2>/tmp/tool.err").c_str());
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 TEST_F(VeltLog, CommandWritesShowsAndExportsTheLog) {
-  ASSERT_EQ(0, rename(("/usr/velt/veltsdk/texts/" + lang_).c_str(), "/usr/velt/veltsdk/texts/enu"));
-  ASSERT_EQ(0, RunTool("write 3 2 11800E02 7") + RunTool("show 3"));
-  const std::string shown = ReadFile("/tmp/tool.out");
-  EXPECT_EQ("2\tConnection\t", shown.substr(0, 13));
-  EXPECT_EQ("\tseq 7\ttester\tveltlog\n", shown.substr(32));
-  ASSERT_EQ(0, RunTool("export 3 enu /tmp/exported.txt") + RunTool("--help"));
-  EXPECT_EQ(shown, ReadFile("/tmp/exported.txt"));
-  EXPECT_EQ(1, RunTool("write 4 1 11800E02"));
-  EXPECT_EQ("veltlog: write failed (D00)\n", ReadFile("/tmp/tool.err"));
-  EXPECT_EQ(1, RunTool("show 5"));
-  EXPECT_EQ("veltlog: export failed (900)\n", ReadFile("/tmp/tool.err"));
-  EXPECT_EQ(3, RunTool("") + RunTool("frobnicate") + RunTool("write 3 1 nothex"));
+  ASSERT_EQ(0, rename(texts_.substr(0, texts_.size() - 7).c_str(), "/usr/velt/veltsdk/texts/enu"));
+  std::string results;
+  for (const char* arguments :
+       {"write 3 2 11800E02 7", "show 3 >/tmp/shown", "--help >/dev/null", "export 3 enu /tmp/exported",
+        "write 4 1 11800E02", "show 5", "frobnicate", "write 3 1 nothex"}) {
+    const int status =
+        system((std::string(VELTLOG_TOOL) + " " + arguments + " 2>>/tmp/err").c_str());
+    results += std::to_string(WEXITSTATUS(status));
+  }
+  EXPECT_EQ("00001111", results);
+  const std::string shown = ReadFile("/tmp/shown");
+  EXPECT_EQ("2\tConnection\t" + shown.substr(13, 19) + "\tseq 7\ttester\tveltlog\n", shown);
+  EXPECT_EQ(shown, ReadFile("/tmp/exported"));
+  EXPECT_NE(
+      std::string::npos,
+      ReadFile("/tmp/err").find("veltlog: write failed (D00)\nveltlog: export failed (900)\n"));
 }
 #endif
 
