@@ -206,19 +206,6 @@ TEST(SlibFile, FailedRewritesLeaveTheFileAlone) {
             WithError(SLIBFileSetKeyValue("/tmp", "KEY", "v", nullptr)));
 }
 
-TEST(SlibFile, WritersTraceTheDefaultfsKey) {
-  testing_support::TempDir dir;
-  testing_support::SyslogRecords().clear();
-  EXPECT_EQ(2, SLIBFileSetKeyValue(dir.File("c").c_str(), "defaultfs", "ext3", nullptr) +
-                   SLIBFileSetKeyValue(dir.File("c").c_str(), "defaultfs2", "x", nullptr));
-  EXPECT_EQ(0, SLIBFileSetLine(dir.File("c").c_str(), "ext3", "other", 0) +
-                   SLIBFileSetLine(dir.File("c").c_str(), "my_defaultfs", nullptr, 0));
-  EXPECT_EQ(
-      (std::vector<testing_support::SyslogRecord>{{LOG_ERR, "szKey=defaultfs, szValue=ext3"},
-                                                  {LOG_ERR, "szKey=my_defaultfs, szLine=(null)"}}),
-      testing_support::SyslogRecords());
-}
-
 TEST(SlibFile, GetSectionReadsTheKeysOfTheFirstMatchingSection) {
   testing_support::TempDir dir;
   WriteFile(dir.File("smb.conf"),

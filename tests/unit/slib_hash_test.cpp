@@ -65,26 +65,6 @@ TEST(SlibHash, SlotsAndPoolGrowByTheirRules) {
   SLIBSzHashFree(hash);
 }
 
-// In a child: a growth that cannot be allocated leaves the hash as it was.
-void GrowUnderAddressSpaceLimit() {
-  SLIBSZHASH* hash = PshSLIBSzHashAlloc(8 << 20);
-  SLIBSzHashSetValue(&hash, "a", "1");
-  const std::string big(8 << 20, 'x');
-  SLIBSZHASH* const before = hash;
-  if (!testing_support::LimitAddressSpace(4 << 20)) exit(3);
-  const bool failed = SLIBSzHashSetValue(&hash, "c", big.c_str()) == -1;
-  exit(failed && SLIBCErrGet() == SLIB_ERR_OUT_OF_MEMORY && hash == before &&
-               KeysOf(hash) == std::set<std::string>{"a"}
-           ? 0
-           : 1);
-}
-
-TEST(SlibHash, FailedAllocationLeavesTheHashAndThePointerUnchanged) {
-  const std::string unavailable = testing_support::AllocationFailureUnavailable();
-  if (!unavailable.empty()) GTEST_SKIP() << unavailable;
-  EXPECT_EXIT(GrowUnderAddressSpaceLimit(), ::testing::ExitedWithCode(0), "");
-}
-
 // Random sets, removals and clears against a map; the last state is also
 // checked in a memcpy copy of the block, which must work on its own.
 TEST(SlibHash, BehavesLikeAMapThroughGrowthAndDeletion) {

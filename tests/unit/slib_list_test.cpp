@@ -88,26 +88,6 @@ TEST(SlibList, GrowthDoublesTheBlockAndRepacksTheLiveStrings) {
   SLIBSzListFree(copy);
 }
 
-// In a child: a growth that cannot be allocated leaves the list as it was.
-void GrowUnderAddressSpaceLimit() {
-  SLIBSZLIST* list = PslSLIBSzListAlloc(8 << 20);
-  SLIBSzListPush(&list, "kept");
-  const std::string big(8 << 20, 'x');
-  SLIBSZLIST* const before = list;
-  if (!testing_support::LimitAddressSpace(4 << 20)) exit(3);
-  const bool failed = SLIBSzListPush(&list, big.c_str()) == -1;
-  exit(failed && SLIBCErrGet() == SLIB_ERR_OUT_OF_MEMORY && list == before && list->nItem == 1 &&
-               strcmp(SzSLIBSzListGet(list, 0), "kept") == 0
-           ? 0
-           : 1);
-}
-
-TEST(SlibList, FailedAllocationLeavesTheListAndThePointerUnchanged) {
-  const std::string unavailable = testing_support::AllocationFailureUnavailable();
-  if (!unavailable.empty()) GTEST_SKIP() << unavailable;
-  EXPECT_EXIT(GrowUnderAddressSpaceLimit(), ::testing::ExitedWithCode(0), "");
-}
-
 TEST(SlibList, SortedListsInsertInFrontOfEqualsAndFindTheFirst) {
   SLIBSZLIST* bytes = ListOf({"delta", "alpha", "charlie", "Zulu", "echo"}, SLIB_LIST_SORT_BYTES);
   EXPECT_EQ(2, SLIBSzListPush(&bytes, "charlie"));

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,6 +20,11 @@ namespace testing_support {
 // value and error code in one expectation.
 inline std::pair<int, int> WithError(int result) { return {result, SLIBCErrGet()}; }
 inline std::pair<int, int> Failure(int code) { return {-1, code}; }
+// The same as text, "result/code" with the code in hex ("-1/D00"), for lists of outcomes.
+inline std::string Outcome(int result) {
+  return std::to_string(result) + "/" +
+         (std::stringstream() << std::hex << std::uppercase << SLIBCErrGet()).str();
+}
 
 // A fresh directory under $TMPDIR (or /tmp), removed with its contents when
 // the object goes away.

@@ -56,10 +56,10 @@ TEST_F(VeltUser, GetLaysTheRecordOutInTheCallersBuffer) {
   std::vector<char> buffer = Fetch(VELTGroupGet, "ftp");
   EXPECT_EQ(sizeof(VELTGROUP) + 2 * sizeof(char*) + 4 + 6, buffer.size());
   const auto* group = reinterpret_cast<const VELTGROUP*>(buffer.data());
-  EXPECT_EQ("ftp 1025 2 bob", std::string(group->szName) + " " + std::to_string(group->gid) + " " +
-                                  std::to_string(group->memberCount) + " " + group->members[0]);
+  EXPECT_EQ("ftp 1025 2 bob carol", std::string(group->szName) + " " + std::to_string(group->gid) +
+                                        " " + std::to_string(group->memberCount) + " " +
+                                        group->members[0] + " " + group->members[1]);
   EXPECT_EQ(buffer.data() + buffer.size() - 6, group->members[1]);
-  EXPECT_STREQ("carol", group->members[1]);
   EXPECT_EQ(sizeof(VELTGROUP), Fetch(VELTGroupGet, "root").size());
   buffer = Fetch(VELTUserGet, "anonymous");
   EXPECT_EQ(sizeof(VELTUSER) + 8 + 16 + 8, buffer.size());
@@ -71,14 +71,11 @@ TEST_F(VeltUser, GetLaysTheRecordOutInTheCallersBuffer) {
   WriteFile(VELT_PASSWD_FILE,
             "short:x:12:100:no shell\nodd:x:1x:100:::\nbig:x:1234567890:1:::\n"
             "huge:x:12345678901:1:::\n");
-  for (const auto& failure : {std::make_pair("short", SLIB_ERR_READ),
-                              {"odd", SLIB_ERR_READ},
-                              {"huge", SLIB_ERR_READ},
-                              {"ftp:x", SLIB_ERR_BAD_ARGUMENT},
-                              {"ft", SLIB_ERR_NOT_FOUND}}) {
-    EXPECT_EQ(testing_support::Failure(failure.second),
-              WithError(VELTUserGet(failure.first, nullptr, 0)));
+  std::string outcomes;
+  for (const char* name : {"short", "odd", "huge", "ftp:x", "ft"}) {
+    outcomes += testing_support::Outcome(VELTUserGet(name, nullptr, 0)) + " ";
   }
+  EXPECT_EQ("-1/A00 -1/A00 -1/A00 -1/D00 -1/2000 ", outcomes);
   EXPECT_EQ(1234567890, reinterpret_cast<VELTUSER*>(Fetch(VELTUserGet, "big").data())->uid);
 }
 
