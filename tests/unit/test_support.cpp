@@ -16,8 +16,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "lib/slib_pause.h"
-
 namespace testing_support {
 
 TempDir::TempDir() : path_(std::string(getenv("TMPDIR") ?: "/tmp") + "/updater-test-XXXXXX") {
@@ -166,24 +164,6 @@ const char* AllocationFailureUnavailable() {
 #else
   return "";
 #endif
-}
-
-namespace {
-PauseRecorder* g_recorder = nullptr;
-}  // namespace
-
-PauseRecorder::PauseRecorder(std::function<void(size_t)> on_pause)
-    : on_pause_(std::move(on_pause)) {
-  g_recorder = this;
-  SLIBSetPauseFunction([](unsigned int microseconds) {
-    if (g_recorder->on_pause_) g_recorder->on_pause_(g_recorder->pauses.size());
-    g_recorder->pauses.push_back(microseconds);
-  });
-}
-
-PauseRecorder::~PauseRecorder() {
-  SLIBSetPauseFunction(nullptr);
-  g_recorder = nullptr;
 }
 
 }  // namespace testing_support

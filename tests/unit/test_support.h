@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "lib/slib_error.h"
+#include "lib/slib_pause.h"
 
 namespace testing_support {
 
@@ -93,8 +94,15 @@ const char* AllocationFailureUnavailable();
 // number of pauses before it. Tests count the waits instead of sleeping.
 class PauseRecorder {
  public:
-  explicit PauseRecorder(std::function<void(size_t)> on_pause = nullptr);
-  ~PauseRecorder();
+  explicit PauseRecorder(std::function<void(size_t)> on_pause = nullptr)
+      : on_pause_(std::move(on_pause)) {
+    Current() = this;
+    SLIBSetPauseFunction([](unsigned int microseconds) {
+      if (Current()->on_pause_) Current()->on_pause_(Current()->pauses.size());
+      Current()->pauses.push_back(microseconds);
+    });
+  }
+  ~PauseRecorder() { SLIBSetPauseFunction(nullptr); }
   PauseRecorder(const PauseRecorder&) = delete;
   PauseRecorder& operator=(const PauseRecorder&) = delete;
 
@@ -102,6 +110,10 @@ class PauseRecorder {
   std::vector<unsigned int> pauses;
 
  private:
+  static PauseRecorder*& Current() {
+    static PauseRecorder* current = nullptr;
+    return current;
+  }
   std::function<void(size_t)> on_pause_;
 };
 
