@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "lib/slib_error.h"
+#include "lib/slib_pause.h"
 
 namespace {
 
@@ -46,7 +47,7 @@ LockEntry g_locks[] = {
 // Ten milliseconds per unit, the unit of the time-out arithmetic.
 constexpr long long kUnitsPerSecond = 100;
 constexpr long long kUnitsPerAttempt = 5;
-constexpr useconds_t kMicrosecondsPerAttempt = 50000;
+constexpr unsigned int kMicrosecondsPerAttempt = 50000;
 
 bool IsDirectory(const char* path) {
   struct stat st;
@@ -141,7 +142,7 @@ int ErrSLIBFileLock(int request, int timeout_seconds) {
     if (attempt == Attempt::kAllHeld) return 0;
     if (attempt == Attempt::kRefused) return -1;
     if (limit == 0) break;
-    usleep(kMicrosecondsPerAttempt);
+    SLIBPause(kMicrosecondsPerAttempt);
   }
   SLIBCErrSet(SLIB_ERR_LOCK);
   return -1;

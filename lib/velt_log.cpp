@@ -24,6 +24,7 @@
 #include "lib/slib_file.h"
 #include "lib/slib_file_io.h"
 #include "lib/slib_hash.h"
+#include "lib/slib_pause.h"
 #include "lib/slib_str.h"
 #include "lib/source_name.h"
 #include "lib/unique_fd.h"
@@ -41,6 +42,7 @@ constexpr char kTextsFormat[] = "/usr/velt/veltsdk/texts/%s/events";
 constexpr char kSourceSection[] = "11000000";
 constexpr char kUnknownSource[] = "Unknown";
 constexpr int kTries = 10;
+constexpr unsigned int kMicrosecondsBetweenTries = 1000000;  // a second
 constexpr size_t kMaxUserName = 255;
 
 // One log of the configuration file, in the order the created file lists them.
@@ -200,7 +202,7 @@ const char* OrEmpty(const char* text) { return text != nullptr ? text : ""; }
 bool LockWithRetries(int fd, int operation) {
   for (int attempt = 1; attempt <= kTries; ++attempt) {
     if (flock(fd, operation | LOCK_NB) == 0) return true;
-    if (attempt < kTries) sleep(1);
+    if (attempt < kTries) SLIBPause(kMicrosecondsBetweenTries);
   }
   return false;
 }
@@ -209,7 +211,7 @@ int OpenForWriting(const std::string& path) {
   for (int attempt = 1; attempt <= kTries; ++attempt) {
     const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (fd >= 0) return fd;
-    if (attempt < kTries) sleep(1);
+    if (attempt < kTries) SLIBPause(kMicrosecondsBetweenTries);
   }
   syslog(LOG_ERR, "logfile %s open error while writing!", path.c_str());
   SLIBCErrSet(SLIB_ERR_OPEN);

@@ -14,8 +14,6 @@
 
 namespace testing_support {
 
-inline bool IsNameCharacter(char c) { return isalnum(static_cast<unsigned char>(c)) || c == '_'; }
-
 // `message` with its source line number replaced by "N": the first number
 // written "name(123)", "name (123)" or "name:123(" (the heads "%s(%d)",
 // "%s (%d)" and "%s:%d(%s)"), so "main(317): x" -> "main(N): x" and
@@ -26,7 +24,8 @@ inline std::string WithoutLineNumber(const std::string& message) {
     const char opening = message[at];
     if (opening != '(' && opening != ':') continue;
     const size_t name_end = opening == '(' && message[at - 1] == ' ' ? at - 1 : at;
-    if (name_end == 0 || !IsNameCharacter(message[name_end - 1])) continue;
+    const unsigned char last = name_end > 0 ? message[name_end - 1] : ' ';
+    if (!isalnum(last) && last != '_') continue;
     size_t end = at + 1;
     while (end < message.size() && isdigit(static_cast<unsigned char>(message[end]))) ++end;
     if (end == at + 1 || end == message.size()) continue;
@@ -49,10 +48,8 @@ inline std::vector<SyslogRecord> LoggedRecords() {
 // negative), in order, each WithoutLineNumber.
 inline std::vector<std::string> LoggedMessages(int priority = -1) {
   std::vector<std::string> messages;
-  for (const SyslogRecord& record : SyslogRecords()) {
-    if (priority < 0 || record.first == priority) {
-      messages.push_back(WithoutLineNumber(record.second));
-    }
+  for (const SyslogRecord& record : LoggedRecords()) {
+    if (priority < 0 || record.first == priority) messages.push_back(record.second);
   }
   return messages;
 }
@@ -62,10 +59,9 @@ inline std::vector<std::string> LoggedMessages(int priority = -1) {
 // an error line.
 inline std::vector<std::string> LoggedErrorLines() {
   std::vector<std::string> lines;
-  for (const SyslogRecord& record : SyslogRecords()) {
-    std::string line = WithoutLineNumber(record.second);
-    if (record.first != LOG_ERR) line = "priority " + std::to_string(record.first) + ": " + line;
-    lines.push_back(line);
+  for (const SyslogRecord& r : LoggedRecords()) {
+    lines.push_back(r.first == LOG_ERR ? r.second
+                                       : "priority " + std::to_string(r.first) + ": " + r.second);
   }
   return lines;
 }

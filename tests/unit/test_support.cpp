@@ -15,19 +15,11 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 namespace testing_support {
 
-TempDir::TempDir() {
-  const char* base = getenv("TMPDIR");
-  std::string pattern =
-      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/updater-test-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) {
-    perror("mkdtemp");
-    abort();
-  }
-  path_ = pattern;
+TempDir::TempDir() : path_(std::string(getenv("TMPDIR") ?: "/tmp") + "/updater-test-XXXXXX") {
+  if (mkdtemp(&path_[0]) == nullptr) abort();
 }
 
 TempDir::~TempDir() {
@@ -42,20 +34,12 @@ std::string TempDir::File(const std::string& name) const { return path_ + "/" + 
 
 std::string ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  if (!in) return "<missing>";
-  std::ostringstream content;
-  content << in.rdbuf();
-  return content.str();
+  return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "<missing>";
 }
 
 void WriteFile(const std::string& path, const std::string& content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << content;
-  out.close();
-  if (!out) {
-    fprintf(stderr, "cannot write %s\n", path.c_str());
-    abort();
-  }
+  if (!(out << content).flush()) abort();
 }
 
 bool FileExists(const std::string& path) {
@@ -71,43 +55,25 @@ std::string LongText(size_t length, char first) {
 
 namespace {
 
-bool WriteProcFile(const char* path, const std::string& text) {
-  const int fd = open(path, O_WRONLY);
-  if (fd < 0) return false;
-  const bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  close(fd);
-  return ok;
-}
-
+// Tests run as root: a mount namespace of their own is all they need.
 std::string EnterMountNamespace() {
   if (unshare(CLONE_NEWNS) == 0) return "";
-  if (errno != EPERM) return std::string("unshare(CLONE_NEWNS): ") + strerror(errno);
-  const uid_t uid = getuid();
-  const gid_t gid = getgid();
-  if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
-    return std::string("no root and no user namespace: ") + strerror(errno);
-  }
-  WriteProcFile("/proc/self/setgroups", "deny");
-  if (!WriteProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
-      !WriteProcFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1")) {
-    return "cannot map the user into the user namespace";
-  }
-  return "";
+  return std::string("unshare(CLONE_NEWNS): ") + strerror(errno);
+}
+
+std::string MountOrWhy(const char* source, const std::string& target, const char* type,
+                       unsigned long flags, const char* data) {
+  if (mount(source, target.c_str(), type, flags, data) == 0) return "";
+  return "cannot mount " + target + ": " + strerror(errno);
 }
 
 }  // namespace
 
 std::string EnterPrivateTmp() {
-  static std::string result = [] {
+  static const std::string result = [] {
     std::string why = EnterMountNamespace();
-    if (!why.empty()) return why;
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-      return std::string("cannot make mounts private: ") + strerror(errno);
-    }
-    if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
-      return std::string("cannot mount a private /tmp: ") + strerror(errno);
-    }
-    return std::string();
+    if (why.empty()) why = MountOrWhy(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+    return why.empty() ? MountOrWhy("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") : why;
   }();
   return result;
 }
@@ -115,12 +81,6 @@ std::string EnterPrivateTmp() {
 namespace {
 
 constexpr char kThrowawayBase[] = "/tmp/.throwaway";
-
-std::string MountOrWhy(const char* source, const std::string& target, const char* type,
-                       unsigned long flags, const char* data) {
-  if (mount(source, target.c_str(), type, flags, data) == 0) return "";
-  return "cannot mount " + target + ": " + strerror(errno);
-}
 
 std::string BindDevice(const std::string& root, const char* name) {
   const std::string host = std::string("/dev/") + name;
@@ -153,23 +113,24 @@ std::string BuildThrowawayRoot() {
   // covers it.
   const int host_tmp = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (host_tmp < 0) return std::string("cannot open /tmp: ") + strerror(errno);
+  const std::string base = kThrowawayBase, root = base + "/root";
   why = MountOrWhy("tmpfs", "/tmp", "tmpfs", 0, "mode=1777");
-  const std::string base = kThrowawayBase;
-  const std::string root = base + "/root";
-  if (why.empty()) {
-    mkdir(base.c_str(), 0755);
-    mkdir(root.c_str(), 0755);
-    why = MountOverlay("/", base + "/rootfs", root);
-  }
-  if (why.empty()) {
-    why = MountOverlay("/proc/self/fd/" + std::to_string(host_tmp), base + "/tmpfs", root + "/tmp");
-  }
+  mkdir(base.c_str(), 0755);
+  mkdir(root.c_str(), 0755);
+  const std::function<std::string()> steps[] = {
+      [&] { return MountOverlay("/", base + "/rootfs", root); },
+      [&] {
+        return MountOverlay("/proc/self/fd/" + std::to_string(host_tmp), base + "/tmpfs",
+                            root + "/tmp");
+      },
+      [&] { return MountOrWhy("tmpfs", root + "/dev", "tmpfs", 0, "mode=755"); },
+      [&] { return MountOrWhy("/proc", root + "/proc", nullptr, MS_BIND | MS_REC, nullptr); },
+      [&] {
+        return BindDevice(root, "null") + BindDevice(root, "zero") + BindDevice(root, "urandom") +
+               BindDevice(root, "fuse");
+      }};
+  for (const auto& step : steps) why = why.empty() ? step() : why;
   close(host_tmp);
-  if (why.empty()) why = MountOrWhy("tmpfs", root + "/dev", "tmpfs", 0, "mode=755");
-  if (why.empty()) why = MountOrWhy("/proc", root + "/proc", nullptr, MS_BIND | MS_REC, nullptr);
-  for (const char* device : {"null", "zero", "urandom", "fuse"}) {
-    if (why.empty()) why = BindDevice(root, device);
-  }
   if (!why.empty()) return why;
   if (chroot(root.c_str()) != 0 || chdir("/") != 0) {
     return std::string("cannot enter the throwaway root: ") + strerror(errno);
@@ -189,23 +150,11 @@ std::vector<SyslogRecord>& SyslogRecords() {
   return records;
 }
 
-namespace {
-long VirtualMemoryBytes() {
-  std::ifstream status("/proc/self/status");
-  std::string field;
-  long kilobytes = 0;
-  while (status >> field) {
-    if (field == "VmSize:") {
-      status >> kilobytes;
-      break;
-    }
-  }
-  return kilobytes * 1024;
-}
-}  // namespace
-
 bool LimitAddressSpace(long headroom) {
-  const rlimit limit = {static_cast<rlim_t>(VirtualMemoryBytes() + headroom), RLIM_INFINITY};
+  long pages = 0;  // the first field of statm: the address space in pages
+  std::ifstream("/proc/self/statm") >> pages;
+  const rlimit limit = {static_cast<rlim_t>(pages * sysconf(_SC_PAGESIZE) + headroom),
+                        RLIM_INFINITY};
   return setrlimit(RLIMIT_AS, &limit) == 0;
 }
 
@@ -219,18 +168,16 @@ const char* AllocationFailureUnavailable() {
 
 }  // namespace testing_support
 
-namespace {
-void RecordSyslog(int priority, const char* format, va_list args) {
+extern "C" void vsyslog(int priority, const char* format, va_list args) {
   char text[16384];
   vsnprintf(text, sizeof(text), format, args);
   testing_support::SyslogRecords().emplace_back(priority, text);
 }
-}  // namespace
 
 extern "C" void syslog(int priority, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  RecordSyslog(priority, format, args);
+  vsyslog(priority, format, args);
   va_end(args);
 }
 
@@ -238,6 +185,6 @@ extern "C" void syslog(int priority, const char* format, ...) {
 extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  RecordSyslog(priority, format, args);
+  vsyslog(priority, format, args);
   va_end(args);
 }

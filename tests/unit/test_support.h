@@ -1,13 +1,31 @@
 // Helpers shared by the unit tests: throwaway directories, whole-file reads
-// and writes, and a private /tmp for code with fixed paths under it.
+// and writes, and a private /tmp for code with fixed paths under it. Brings
+// GoogleTest, the standard containers and the library's error codes along.
 #ifndef TESTS_UNIT_TEST_SUPPORT_H_
 #define TESTS_UNIT_TEST_SUPPORT_H_
 
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "lib/slib_error.h"
+#include "lib/slib_pause.h"
+
 namespace testing_support {
+
+// `result` with the library's error code after it, to compare a call's return
+// value and error code in one expectation.
+inline std::pair<int, int> WithError(int result) { return {result, SLIBCErrGet()}; }
+inline std::pair<int, int> Failure(int code) { return {-1, code}; }
+// The same as text, "result/code" with the code in hex ("-1/D00"), for lists of outcomes.
+inline std::string Outcome(int result) {
+  return std::to_string(result) + "/" +
+         (std::stringstream() << std::hex << std::uppercase << SLIBCErrGet()).str();
+}
 
 // A fresh directory under $TMPDIR (or /tmp), removed with its contents when
 // the object goes away.
@@ -70,6 +88,34 @@ bool LimitAddressSpace(long headroom);
 // Why allocation failures cannot be provoked in this build, or "" when they
 // can (AddressSanitizer reserves far more address space than any limit).
 const char* AllocationFailureUnavailable();
+
+// Stands in for the library's retry pauses (SLIBPause) while it lives: a
+// pause returns at once and is recorded, after `on_pause` has run with the
+// number of pauses before it. Tests count the waits instead of sleeping.
+class PauseRecorder {
+ public:
+  explicit PauseRecorder(std::function<void(size_t)> on_pause = nullptr)
+      : on_pause_(std::move(on_pause)) {
+    Current() = this;
+    SLIBSetPauseFunction([](unsigned int microseconds) {
+      if (Current()->on_pause_) Current()->on_pause_(Current()->pauses.size());
+      Current()->pauses.push_back(microseconds);
+    });
+  }
+  ~PauseRecorder() { SLIBSetPauseFunction(nullptr); }
+  PauseRecorder(const PauseRecorder&) = delete;
+  PauseRecorder& operator=(const PauseRecorder&) = delete;
+
+  // The pauses asked for, in microseconds, in order.
+  std::vector<unsigned int> pauses;
+
+ private:
+  static PauseRecorder*& Current() {
+    static PauseRecorder* current = nullptr;
+    return current;
+  }
+  std::function<void(size_t)> on_pause_;
+};
 
 }  // namespace testing_support
 
