@@ -6,7 +6,8 @@
 #include <stdint.h>
 #include <stdio.h>
 
-#include <ostream>
+#include <algorithm>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -139,25 +140,145 @@ inline ::testing::AssertionResult SameChip(const std::vector<uint8_t>& actual,
   return ::testing::AssertionFailure() << where;
 }
 
-// One partition as a FIS directory record or the driver's table holds it,
-// compared and printed as a whole.
-struct FisEntry {
-  std::string name;
-  uint32_t flash_base;
-  uint32_t size;
-  uint32_t data_length;
-  bool operator==(const FisEntry& other) const {
-    return name == other.name && flash_base == other.flash_base && size == other.size &&
-           data_length == other.data_length;
-  }
-};
+// The chip a test expects, built from the chip before: partitions moved,
+// grown, rewritten and locked as the code under test should have done it;
+// Matches compares extents, FIS records, every byte and the lock bits.
+class ExpectedChip {
+ public:
+  explicit ExpectedChip(const flashsim::ChipState& before) : chip_(before) {}
 
-inline std::ostream& operator<<(std::ostream& out, const FisEntry& entry) {
-  char text[80];
-  snprintf(text, sizeof(text), " 0x%08X 0x%08X 0x%08X", entry.flash_base, entry.size,
-           entry.data_length);
-  return out << entry.name << text;
-}
+  flashsim::PartitionLayout& Part(const std::string& name) {
+    for (flashsim::PartitionLayout& partition : chip_.layout.partitions) {
+      if (partition.name == name) return partition;
+    }
+    ADD_FAILURE() << "no partition " << name;
+    return chip_.layout.partitions.front();
+  }
+  uint32_t Block() const { return chip_.layout.erase_size; }
+
+  // The partition lies `shift` blocks further and is `grow` blocks bigger;
+  // with `record` its FIS record says so too.
+  ExpectedChip& Move(const std::string& name, int shift, int grow = 0, bool record = true) {
+    flashsim::PartitionLayout& partition = Part(name);
+    partition.base += shift * Block();
+    partition.size += grow * Block();
+    if (record) {
+      EditRecord(name, [&](flashsim::FisRecord* fis) {
+        fis->flash_base = partition.base;
+        fis->size = partition.size;
+      });
+    }
+    return *this;
+  }
+
+  // The flash disk formatted, its partitions one after another again.
+  ExpectedChip& Format() {
+    std::fill(chip_.image.begin(), chip_.image.end(), 0xFF);
+    uint32_t base = 0;
+    for (flashsim::PartitionLayout& partition : chip_.layout.partitions) {
+      partition.base = base;
+      base += partition.size;
+    }
+    return *this;
+  }
+
+  // `data` programmed at the partition's start, after an erase of all of it
+  // unless `erase` is false (the flash disk); with `record` its data length
+  // (FIS record, disk table row) follows: the data's, or on the flash disk
+  // the greater of old and new.
+  ExpectedChip& Write(const std::string& name, const std::string& data, bool record = true,
+                      bool erase = true) {
+    flashsim::PartitionLayout& partition = Part(name);
+    const size_t at = partition.base - chip_.layout.chip_base;
+    if (erase) std::fill(chip_.image.begin() + at, chip_.image.begin() + at + partition.size, 0xFF);
+    std::copy(data.begin(), data.end(), chip_.image.begin() + at);
+    if (!record) return *this;
+    partition.data_length =
+        std::max<uint32_t>(erase ? 0 : partition.data_length, static_cast<uint32_t>(data.size()));
+    EditRecord(name, [&](flashsim::FisRecord* fis) { fis->data_length = partition.data_length; });
+    return *this;
+  }
+
+  ExpectedChip& Lock(const std::string& name, uint8_t value) {
+    const flashsim::PartitionLayout& partition = Part(name);
+    const uint32_t first = (partition.base - chip_.layout.chip_base) / Block();
+    for (uint32_t i = 0; i < partition.size / Block(); ++i) chip_.locked[first + i] = value;
+    return *this;
+  }
+
+  ::testing::AssertionResult Matches(const flashsim::ChipState& actual) const {
+    std::ostringstream why;
+    const bool msys = chip_.layout.kind == flashsim::ChipKind::kMSys;
+    if (Extents(actual, msys) != Extents(chip_, msys)) {
+      why << "partitions " << ::testing::PrintToString(Extents(actual, msys)) << ", expected "
+          << ::testing::PrintToString(Extents(chip_, msys)) << "\n";
+    }
+    if (Records(actual) != Records(chip_)) {
+      why << "FIS directory " << ::testing::PrintToString(Records(actual)) << ", expected "
+          << ::testing::PrintToString(Records(chip_)) << "\n";
+    }
+    const ::testing::AssertionResult bytes = SameChip(actual.image, chip_.image, chip_.layout.chip_base);
+    if (!bytes) why << bytes.message() << "\n";
+    if (actual.locked != chip_.locked) why << "lock bits differ\n";
+    if (why.str().empty()) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << why.str();
+  }
+
+ private:
+  static std::vector<std::string> Extents(const flashsim::ChipState& state, bool lengths) {
+    std::vector<std::string> lines;
+    for (const flashsim::PartitionLayout& partition : state.layout.partitions) {
+      char text[96];
+      snprintf(text, sizeof(text), "%s 0x%08X 0x%08X 0x%X", partition.name.c_str(),
+               partition.base, partition.size, lengths ? partition.data_length : 0);
+      lines.push_back(text);
+    }
+    return lines;
+  }
+
+  // Visits the FIS records of `state` up to the first erased one; `edit`
+  // returns true to write a record back.
+  template <typename State, typename Edit>
+  static void EachRecord(State& state, Edit edit) {
+    const flashsim::PartitionLayout* directory = state.layout.Find(state.layout.fis_device);
+    if (state.layout.kind != flashsim::ChipKind::kNor || directory == nullptr) return;
+    const size_t end = directory->base - state.layout.chip_base + directory->size;
+    for (size_t at = directory->base - state.layout.chip_base;
+         at + flashsim::kFisRecordSize <= end && state.image[at] != 0xFF;
+         at += flashsim::kFisRecordSize) {
+      flashsim::FisRecord record = flashsim::DecodeFisRecord(&state.image[at]);
+      if (edit(&record)) Encode(record, &state.image[at]);
+    }
+  }
+
+  static void Encode(const flashsim::FisRecord& record, uint8_t* at) {
+    flashsim::EncodeFisRecord(record, at);
+  }
+  static void Encode(const flashsim::FisRecord&, const uint8_t*) {}
+
+  static std::vector<std::string> Records(const flashsim::ChipState& state) {
+    std::vector<std::string> lines;
+    EachRecord(state, [&](flashsim::FisRecord* record) {
+      char text[96];
+      snprintf(text, sizeof(text), "%s 0x%08X 0x%08X 0x%08X", record->name.c_str(),
+               record->flash_base, record->size, record->data_length);
+      lines.push_back(text);
+      return false;
+    });
+    return lines;
+  }
+
+  template <typename Edit>
+  void EditRecord(const std::string& name, Edit edit) {
+    EachRecord(chip_, [&](flashsim::FisRecord* record) {
+      if (record->name != name) return false;
+      edit(record);
+      return true;
+    });
+  }
+
+  flashsim::ChipState chip_;
+};
 
 inline std::vector<uint8_t> ReadBytes(const std::string& path) {
   std::string text = testing_support::ReadFile(path);

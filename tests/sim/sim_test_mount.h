@@ -18,12 +18,15 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <functional>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "lib/unique_fd.h"
 #include "sim/flash_state.h"
+#include "sim_test_chips.h"
 #include "sim_test_programs.h"
 #include "test_support.h"
 
@@ -173,6 +176,81 @@ inline ::testing::AssertionResult LinkMtdDevices(const flashsim::ChipLayout& lay
 inline void RemoveMtdLinks(int count) {
   for (int i = 0; i < count; ++i) unlink(("/dev/mtd" + std::to_string(i)).c_str());
 }
+
+// A board's chip mounted at kDevFlash inside the throwaway root, with the
+// /dev/mtdN links of its partitions; the state directory in a fresh
+// temporary directory. Use MOUNT_OR_RETURN.
+class MountedChipTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string why = testing_support::EnterThrowawayRoot();
+    if (why.empty()) why = MountUnavailable();
+    if (!why.empty()) GTEST_SKIP() << why;
+    dir_ = std::make_unique<testing_support::TempDir>();
+    state_ = dir_->File("state");
+    mkdir(kDevFlash, 0755);
+    testing_support::SyslogRecords().clear();
+  }
+
+  void TearDown() override {
+    if (dir_ == nullptr) return;  // skipped before the throwaway root was entered
+    if (chdir("/") != 0) ADD_FAILURE() << "chdir: " << strerror(errno);
+    StopDaemon(kDevFlash, &daemon_);
+    RemoveMtdLinks(8);
+    dir_.reset();
+    testing_support::SyslogRecords().clear();
+  }
+
+  // Makes the chip of `layout` (a board of FLASH_LAYOUT_DIR, or a layout
+  // file's path), lets `edit` change it and mounts it; initial_ is the chip
+  // before the test.
+  void Mount(const std::string& layout,
+             const std::function<void(flashsim::ChipState*)>& edit = nullptr) {
+    ASSERT_EQ("", CreateChipState(state_, layout[0] == '/' ? layout : BoardLayout(layout)));
+    std::string error;
+    ASSERT_TRUE(flashsim::LoadState(state_, &initial_, &error)) << error;
+    if (edit) edit(&initial_);
+    ASSERT_TRUE(flashsim::SaveState(initial_, &error)) << error;
+    StartDaemon(state_, kDevFlash, dir_->File("daemon.log"), {}, &daemon_);
+    if (IsSkipped() || HasFatalFailure()) return;
+    ASSERT_TRUE(LinkMtdDevices(initial_.layout));
+  }
+
+  // Unmounts the chip (the simulator saves it) and loads what it saved.
+  flashsim::ChipState Unmounted() {
+    StopDaemon(kDevFlash, &daemon_);
+    flashsim::ChipState state;
+    std::string error;
+    EXPECT_TRUE(flashsim::LoadState(state_, &state, &error)) << error;
+    return state;
+  }
+
+  void Fault(const std::string& command) {
+    ASSERT_EQ("OK\n", Control(kDevFlash, command)) << command;
+  }
+
+  // The simulator's trace lines (they survive the unmount) that start with
+  // `prefix`, from line `from` on.
+  std::vector<std::string> Trace(const std::string& prefix = "", size_t from = 0) const {
+    std::vector<std::string> lines;
+    const std::vector<std::string> trace = ReadLines(state_ + "/trace.log");
+    for (size_t i = from; i < trace.size(); ++i) {
+      if (trace[i].compare(0, prefix.size(), prefix) == 0) lines.push_back(trace[i]);
+    }
+    return lines;
+  }
+
+  std::unique_ptr<testing_support::TempDir> dir_;
+  std::string state_;
+  pid_t daemon_ = -1;
+  flashsim::ChipState initial_;
+};
+
+#define MOUNT_OR_RETURN(...)                      \
+  do {                                            \
+    Mount(__VA_ARGS__);                           \
+    if (IsSkipped() || HasFatalFailure()) return; \
+  } while (0)
 
 }  // namespace sim_test
 
