@@ -147,6 +147,8 @@ class ExpectedChip {
  public:
   explicit ExpectedChip(const flashsim::ChipState& before) : chip_(before) {}
 
+  const flashsim::ChipState& chip() const { return chip_; }
+
   flashsim::PartitionLayout& Part(const std::string& name) {
     for (flashsim::PartitionLayout& partition : chip_.layout.partitions) {
       if (partition.name == name) return partition;
@@ -171,12 +173,14 @@ class ExpectedChip {
     return *this;
   }
 
-  // The flash disk formatted, its partitions one after another again.
+  // The flash disk formatted, its partitions one after another again and
+  // empty.
   ExpectedChip& Format() {
     std::fill(chip_.image.begin(), chip_.image.end(), 0xFF);
     uint32_t base = 0;
     for (flashsim::PartitionLayout& partition : chip_.layout.partitions) {
       partition.base = base;
+      partition.data_length = 0;
       base += partition.size;
     }
     return *this;

@@ -17,6 +17,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -24,11 +25,16 @@
 #include <string>
 #include <vector>
 
+#include "lib/slib_error.h"
 #include "lib/unique_fd.h"
+#include "sdk/velt_mtd.h"
 #include "sim/flash_state.h"
 #include "sim_test_chips.h"
 #include "sim_test_programs.h"
 #include "test_support.h"
+#include "updater/patch_plan.h"
+#include "updater/update_run.h"
+#include "updater/update_status.h"
 
 namespace sim_test {
 
@@ -187,7 +193,6 @@ class MountedChipTest : public ::testing::Test {
     if (why.empty()) why = MountUnavailable();
     if (!why.empty()) GTEST_SKIP() << why;
     dir_ = std::make_unique<testing_support::TempDir>();
-    state_ = dir_->File("state");
     mkdir(kDevFlash, 0755);
     testing_support::SyslogRecords().clear();
   }
@@ -202,10 +207,12 @@ class MountedChipTest : public ::testing::Test {
   }
 
   // Makes the chip of `layout` (a board of FLASH_LAYOUT_DIR, or a layout
-  // file's path), lets `edit` change it and mounts it; initial_ is the chip
-  // before the test.
+  // file's path), lets `edit` change it and mounts it in place of any
+  // earlier one; initial_ is the chip before the test.
   void Mount(const std::string& layout,
              const std::function<void(flashsim::ChipState*)>& edit = nullptr) {
+    StopDaemon(kDevFlash, &daemon_);
+    state_ = dir_->File("state" + std::to_string(++mounts_));
     ASSERT_EQ("", CreateChipState(state_, layout[0] == '/' ? layout : BoardLayout(layout)));
     std::string error;
     ASSERT_TRUE(flashsim::LoadState(state_, &initial_, &error)) << error;
@@ -243,12 +250,60 @@ class MountedChipTest : public ::testing::Test {
   std::unique_ptr<testing_support::TempDir> dir_;
   std::string state_;
   pid_t daemon_ = -1;
+  int mounts_ = 0;
   flashsim::ChipState initial_;
 };
 
 #define MOUNT_OR_RETURN(...)                      \
   do {                                            \
     Mount(__VA_ARGS__);                           \
+    if (IsSkipped() || HasFatalFailure()) return; \
+  } while (0)
+
+// A chip mounted for the updater's flash code: its run state reset, the
+// board family's tables chosen, an empty working directory as the current
+// one and the FIS directory (when one can be read) in records_.
+class UpdaterChipTest : public MountedChipTest {
+ protected:
+  void Start(const std::string& layout, int junior,
+             const std::function<void(flashsim::ChipState*)>& edit = nullptr) {
+    Mount(layout, edit);
+    if (IsSkipped() || HasFatalFailure()) return;
+    UPDTResetRunState();
+    UPDTSelectLayout(junior);
+    unlink(UPDT_PROGRESS_FILE);
+    SLIBCErrSet(0);
+    const std::string work = dir_->File("upd@te" + std::to_string(mounts_));
+    ASSERT_EQ(0, mkdir(work.c_str(), 0755));
+    snprintf(gszWorkDir, sizeof(gszWorkDir), "%s", work.c_str());
+    ASSERT_EQ(0, chdir(gszWorkDir));
+    int bytes = 0;
+    count_ = VELTMTDGetPartitionInfo(gszDevMtdPartition, nullptr, 0, &bytes);
+    records_.assign(static_cast<size_t>(std::max(bytes, 0)), 0);
+    if (count_ > 0) VELTMTDGetPartitionInfo(gszDevMtdPartition, records_.data(), bytes, &bytes);
+    testing_support::SyslogRecords().clear();
+  }
+
+  // A package file of `length` bytes in the working directory: its bytes.
+  static std::string Package(const std::string& file, uint32_t seed, size_t length) {
+    const std::string bytes = ImageBytes(seed, length);
+    testing_support::WriteFile(std::string(gszWorkDir) + "/" + file, bytes);
+    return bytes;
+  }
+
+  // The progress record without its padding: "P:60:      " -> "P:60".
+  static std::string Progress() {
+    const std::string text = testing_support::ReadFile(UPDT_PROGRESS_FILE);
+    return text.substr(0, text.find(':', 2));
+  }
+
+  std::vector<unsigned char> records_;
+  int count_ = 0;
+};
+
+#define START_OR_RETURN(...)                      \
+  do {                                            \
+    Start(__VA_ARGS__);                           \
     if (IsSkipped() || HasFatalFailure()) return; \
   } while (0)
 
