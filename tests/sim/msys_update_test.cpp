@@ -30,33 +30,22 @@ using sim_test::ExpectedChip;
 using testing_support::LoggedMessages;
 constexpr uint32_t kUnit = 16384;
 
-class MSysUpdateTest : public sim_test::MountedChipTest {
+class MSysUpdateTest : public sim_test::UpdaterChipTest {
  protected:
   void Start() {
-    Mount("msys");
+    UpdaterChipTest::Start("msys", 0);
     if (IsSkipped() || HasFatalFailure()) return;
     ASSERT_EQ(0, setenv("FILEBAY_FLASH_CONTROL", "/dev/flash/.control", 1));
-    UPDTResetRunState();
-    UPDTSelectLayout(0);
-    unlink(UPDT_PROGRESS_FILE);
     unlink(UPDT_LOG_FILE);
-    work_ = dir_->File("upd@te" + std::to_string(mounts_));
-    snprintf(gszWorkDir, sizeof(gszWorkDir), "%s", work_.c_str());
-    ASSERT_EQ(0, system(("mkdir -p /volume1 /usr/velt/etc '" + work_ + "'").c_str()));
-    ASSERT_EQ(0, chdir(gszWorkDir));
+    work_ = gszWorkDir;
+    ASSERT_EQ(0, system("mkdir -p /volume1 /usr/velt/etc"));
     testing_support::WriteFile("/etc/crontab", "0 1 * * * root ls\n");
-    testing_support::SyslogRecords().clear();
   }
   void TearDown() override {
     unsetenv("FILEBAY_FLASH_CONTROL");
     MountedChipTest::TearDown();
   }
 
-  std::string Package(const std::string& file, uint32_t seed, size_t length) {
-    const std::string bytes = sim_test::ImageBytes(seed, length);
-    testing_support::WriteFile(work_ + "/" + file, bytes);
-    return bytes;
-  }
   // A package file that holds nothing but its size.
   void Sparse(const std::string& file, off_t length) {
     testing_support::WriteFile(work_ + "/" + file, "");
@@ -100,12 +89,6 @@ class MSysUpdateTest : public sim_test::MountedChipTest {
     return expected;
   }
 
-  // The progress record without its padding: "P:60:      " -> "P:60".
-  static std::string Progress() {
-    const std::string text = testing_support::ReadFile(UPDT_PROGRESS_FILE);
-    return text.substr(0, text.find(':', 2));
-  }
-
   // The devices written to, in the order of their first write.
   Lines Written() const {
     Lines devices;
@@ -119,11 +102,6 @@ class MSysUpdateTest : public sim_test::MountedChipTest {
   std::string work_, kernel_, library_;
 };
 
-#define START_OR_RETURN()                         \
-  do {                                            \
-    Start();                                      \
-    if (IsSkipped() || HasFatalFailure()) return; \
-  } while (0)
 
 TEST_F(MSysUpdateTest, PartitionInfoIsTheDriversTableNamedByPosition) {
   START_OR_RETURN();
