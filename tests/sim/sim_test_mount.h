@@ -55,22 +55,6 @@ inline std::string MountUnavailable() {
   return "";
 }
 
-// The example board layout `board` ("nor8", "junior6", "msys") of the
-// source tree.
-inline std::string BoardLayout(const std::string& board) {
-  return std::string(FLASH_LAYOUT_DIR) + "/" + board + ".layout";
-}
-
-// Makes the state directory `state` from the layout file `layout` with
-// filebay-flash; "" or what went wrong, with the tool's messages.
-inline std::string CreateChipState(const std::string& state, const std::string& layout) {
-  const std::string log = state + ".create.log";
-  const int status = RunProgram({FLASH_TOOL, "create", state, layout}, log);
-  if (status == 0) return "";
-  return "filebay-flash create " + layout + " exited with " + std::to_string(status) + ": " +
-         testing_support::ReadFile(log);
-}
-
 // True while something is mounted at `mount_point`.
 inline bool IsMounted(const std::string& mount_point) {
   std::ifstream mounts("/proc/self/mountinfo");
@@ -164,28 +148,8 @@ inline std::string Control(const std::string& mount_point, const std::string& co
   return length < 0 ? std::string("read: ") + strerror(errno) : std::string(answer);
 }
 
-// Points /dev/mtdN at kDevFlash's mtdN for every partition N of `layout`,
-// the way the board's device nodes name them.
-inline ::testing::AssertionResult LinkMtdDevices(const flashsim::ChipLayout& layout) {
-  for (const flashsim::PartitionLayout& partition : layout.partitions) {
-    const std::string link = "/dev/mtd" + std::to_string(partition.index);
-    const std::string target = "flash/mtd" + std::to_string(partition.index);
-    unlink(link.c_str());
-    if (symlink(target.c_str(), link.c_str()) != 0) {
-      return ::testing::AssertionFailure() << "symlink " << link << ": " << strerror(errno);
-    }
-  }
-  return ::testing::AssertionSuccess();
-}
-
-// Removes the links /dev/mtd0 .. /dev/mtd<count - 1>.
-inline void RemoveMtdLinks(int count) {
-  for (int i = 0; i < count; ++i) unlink(("/dev/mtd" + std::to_string(i)).c_str());
-}
-
 // A board's chip mounted at kDevFlash inside the throwaway root, with the
-// /dev/mtdN links of its partitions; the state directory in a fresh
-// temporary directory. Use MOUNT_OR_RETURN.
+// /dev/mtdN links of its partitions.
 class MountedChipTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -199,28 +163,33 @@ class MountedChipTest : public ::testing::Test {
 
   void TearDown() override {
     if (dir_ == nullptr) return;  // skipped before the throwaway root was entered
-    if (chdir("/") != 0) ADD_FAILURE() << "chdir: " << strerror(errno);
+    EXPECT_EQ(0, chdir("/"));
     StopDaemon(kDevFlash, &daemon_);
-    RemoveMtdLinks(8);
+    for (int i = 0; i < 8; ++i) unlink(("/dev/mtd" + std::to_string(i)).c_str());
     dir_.reset();
     testing_support::SyslogRecords().clear();
   }
 
   // Makes the chip of `layout` (a board of FLASH_LAYOUT_DIR, or a layout
-  // file's path), lets `edit` change it and mounts it in place of any
-  // earlier one; initial_ is the chip before the test.
+  // file's path) with filebay-flash, lets `edit` change it and mounts it in
+  // place of any earlier one; initial_ is the chip before the test.
   void Mount(const std::string& layout,
              const std::function<void(flashsim::ChipState*)>& edit = nullptr) {
     StopDaemon(kDevFlash, &daemon_);
     state_ = dir_->File("state" + std::to_string(++mounts_));
-    ASSERT_EQ("", CreateChipState(state_, layout[0] == '/' ? layout : BoardLayout(layout)));
+    const std::string path = layout[0] == '/' ? layout : FLASH_LAYOUT_DIR "/" + layout + ".layout";
+    ASSERT_EQ(0, RunProgram({FLASH_TOOL, "create", state_, path}, state_ + ".log"))
+        << testing_support::ReadFile(state_ + ".log");
     std::string error;
     ASSERT_TRUE(flashsim::LoadState(state_, &initial_, &error)) << error;
     if (edit) edit(&initial_);
     ASSERT_TRUE(flashsim::SaveState(initial_, &error)) << error;
     StartDaemon(state_, kDevFlash, dir_->File("daemon.log"), {}, &daemon_);
-    if (IsSkipped() || HasFatalFailure()) return;
-    ASSERT_TRUE(LinkMtdDevices(initial_.layout));
+    for (const flashsim::PartitionLayout& partition : initial_.layout.partitions) {
+      const std::string link = "/dev/mtd" + std::to_string(partition.index);
+      unlink(link.c_str());
+      ASSERT_EQ(0, symlink(("flash/mtd" + std::to_string(partition.index)).c_str(), link.c_str()));
+    }
   }
 
   // Unmounts the chip (the simulator saves it) and loads what it saved.
@@ -236,13 +205,12 @@ class MountedChipTest : public ::testing::Test {
     ASSERT_EQ("OK\n", Control(kDevFlash, command)) << command;
   }
 
-  // The simulator's trace lines (they survive the unmount) that start with
-  // `prefix`, from line `from` on.
+  // The simulator's trace lines from line `from` on that start with `prefix`.
   std::vector<std::string> Trace(const std::string& prefix = "", size_t from = 0) const {
+    const std::vector<std::string> all = ReadLines(state_ + "/trace.log");
     std::vector<std::string> lines;
-    const std::vector<std::string> trace = ReadLines(state_ + "/trace.log");
-    for (size_t i = from; i < trace.size(); ++i) {
-      if (trace[i].compare(0, prefix.size(), prefix) == 0) lines.push_back(trace[i]);
+    for (size_t i = from; i < all.size(); ++i) {
+      if (all[i].rfind(prefix, 0) == 0) lines.push_back(all[i]);
     }
     return lines;
   }
@@ -254,15 +222,9 @@ class MountedChipTest : public ::testing::Test {
   flashsim::ChipState initial_;
 };
 
-#define MOUNT_OR_RETURN(...)                      \
-  do {                                            \
-    Mount(__VA_ARGS__);                           \
-    if (IsSkipped() || HasFatalFailure()) return; \
-  } while (0)
-
-// A chip mounted for the updater's flash code: its run state reset, the
-// board family's tables chosen, an empty working directory as the current
-// one and the FIS directory (when one can be read) in records_.
+// A chip for the updater's flash code: the run state reset, the board
+// family's tables chosen, an empty working directory as the current one and
+// the FIS directory, when one can be read, in records_.
 class UpdaterChipTest : public MountedChipTest {
  protected:
   void Start(const std::string& layout, int junior,
@@ -273,9 +235,9 @@ class UpdaterChipTest : public MountedChipTest {
     UPDTSelectLayout(junior);
     unlink(UPDT_PROGRESS_FILE);
     SLIBCErrSet(0);
-    const std::string work = dir_->File("upd@te" + std::to_string(mounts_));
-    ASSERT_EQ(0, mkdir(work.c_str(), 0755));
-    snprintf(gszWorkDir, sizeof(gszWorkDir), "%s", work.c_str());
+    snprintf(gszWorkDir, sizeof(gszWorkDir), "%s",
+             dir_->File("w" + std::to_string(mounts_)).c_str());
+    ASSERT_EQ(0, mkdir(gszWorkDir, 0755));
     ASSERT_EQ(0, chdir(gszWorkDir));
     int bytes = 0;
     count_ = VELTMTDGetPartitionInfo(gszDevMtdPartition, nullptr, 0, &bytes);
@@ -301,9 +263,11 @@ class UpdaterChipTest : public MountedChipTest {
   int count_ = 0;
 };
 
-#define START_OR_RETURN(...)                      \
+// Mount(...) or Start(...), returning from the test when it was skipped or
+// failed.
+#define OR_RETURN(call)                           \
   do {                                            \
-    Start(__VA_ARGS__);                           \
+    call;                                         \
     if (IsSkipped() || HasFatalFailure()) return; \
   } while (0)
 
