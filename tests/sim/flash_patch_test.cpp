@@ -80,7 +80,6 @@ TEST_F(FlashPatchTest, BackupCopiesEveryPartitionIntoAnEmptiedDirectory) {
   } rows[] = {
       {"a", "clear", 8, 0, "P:65",
        "command=[/bin/dd if=\"/dev/mtd6\" of=\"$B/mtd_RedBoot Config\""},
-      {"a", "read mtd2 every errno=EIO", 8, -1, "P:35", "failed to execute"},
       {"a", "clear", 9, -1, "P:65", "UPDTBackupOldPartition(N): fail to get device path"},
       {std::string(120, 'w'), "clear", 8, -1, "<missing>",
        "UPDTBackupOldPartition(N): command too long [/bin/rm -rf $B; /bin/mkdir -p $B]"},
@@ -130,69 +129,51 @@ TEST_F(FlashPatchTest, PatchRewritesThePackagedPartitionsAndTheirRecords) {
       Locked(initial_, 0).Write("zImage", kernel).Write("rd.gz", ramdisk).Matches(Unmounted()));
 }
 
-// One fault (or a kernel image that grew past its partition after the
-// plan) per row: the result, the progress, the kernel's erases, a log line
-// and whether the kernel's record was rewritten.
+// One row of faults (or a kernel image that grew past its partition after
+// the plan): the result, the progress, a log line, the kernel's erases and
+// whether its record was rewritten.
 TEST_F(FlashPatchTest, PatchFaultsEndOrRetryTheRewrite) {
   OR_RETURN(Start());
-  const std::string failed = "UPDTDoPatch) Try to Update [/dev/mtd1] 3 counts failed ...";
   const uint64_t kernel = 0x24000 + 7, ramdisk = 0x31000 + 3;
+  const std::string share = "P:" + std::to_string(60 + 40 * kernel / (kernel + ramdisk));
   const struct {
-    Lines faults;
+    std::string faults;  // separated by ';'
     int result;
-    std::string progress;
+    std::string progress, message;
     size_t erases;
-    std::string message;
     bool recorded;
-    size_t grown;
   } rows[] = {
       // Verified up to the worn block: 80 + 40 * 0x10000 / (2 * kernel).
-      {{"worn-block mtd1 0x10000"}, -1, "P:88", 3, failed, false, 0},
-      {{"corrupt-next-write mtd1"}, 0, "P:100", 2, "Finish updating [zImage]", true, 0},
-      {{"erase mtd1 every errno=EIO"}, -1, "P:60", 3, "VELTMTDErasePartition() fail", false, 0},
-      {{"set-extent mtd1 every errno=EINVAL"},
-       -1,
-       "P:60",
-       0,
-       "VELTMTDModifyPartitionSize() fail",
-       false,
-       0},
-      {{"set-fis mtd7 nth=1 errno=EIO"}, -1, "P:100", 1, "VELTMTDModifyFISEntry() fail", false, 0},
+      {"worn-block mtd1 0x10000", -1, "P:88", "[/dev/mtd1] 3 counts failed", 3, false},
+      {"corrupt-next-write mtd1", 0, "P:100", "Finish updating [zImage]", 2, true},
+      {"erase mtd1 every errno=EIO", -1, "P:60", "ErasePartition() fail", 3, false},
+      {"set-extent mtd1 every errno=EIO", -1, "P:60", "ModifyPartitionSize() fail", 0, false},
+      {"set-fis mtd7 nth=1 errno=EIO", -1, "P:100", "ModifyFISEntry() fail", 1, false},
       // The retried bytes count once: the ramdisk starts at the kernel's share.
-      {{"corrupt-next-write mtd1", "erase mtd2 every errno=EIO"},
-       -1,
-       "P:" + std::to_string(60 + 40 * kernel / (kernel + ramdisk)),
-       2,
-       "VELTMTDErasePartition() fail",
-       true,
-       0},
+      {"corrupt-next-write mtd1;erase mtd2 every errno=EIO", -1, share, "Erase", 2, true},
       // The first verify fails at once, the retries at their erase: the
       // progress stays where the first write left it.
-      {{"corrupt-next-write mtd1", "erase mtd1 nth=2 errno=EIO", "erase mtd1 nth=3 errno=EIO"},
-       -1,
-       "P:80",
-       3,
-       failed,
-       false,
-       0},
+      {"corrupt-next-write mtd1;erase mtd1 nth=2 errno=EIO;erase mtd1 nth=3 errno=EIO", -1, "P:80",
+       "3 counts failed", 3, false},
       // The device takes nothing past its end: the copy fails there.
-      {{}, -1, "P:100", 3, "(UPDTCopyFile) write file [/dev/mtd1] error: (28)", false, 0x180001},
+      {"", -1, "P:100", "(UPDTCopyFile) write file [/dev/mtd1] error: (28)", 3, false},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.message);
+    SCOPED_TRACE(row.faults);
     unlink("rd.bin");
     Package("zImage", 31, kernel);
-    if (row.faults.size() == 2) Package("rd.bin", 32, ramdisk);
+    if (row.faults.find("mtd2") != std::string::npos) Package("rd.bin", 32, ramdisk);
     ASSERT_EQ(0, UPDTInitPatchInfo(records_.data(), count_));
-    if (row.grown != 0) Package("zImage", 31, row.grown);
+    if (row.faults.empty()) Package("zImage", 31, 0x180001);
     Fault("fault clear");
-    for (const std::string& fault : row.faults) Fault("fault " + fault);
+    std::istringstream faults(row.faults);
+    for (std::string fault; std::getline(faults, fault, ';');) Fault("fault " + fault);
     testing_support::SyslogRecords().clear();
     const size_t from = Trace().size();
     EXPECT_EQ(row.result, UPDTDoPatch(records_.data(), count_));
     EXPECT_EQ(row.progress, Progress());
-    EXPECT_EQ(row.erases, Trace("erase mtd1", from).size());
     EXPECT_LE(1u, Logged(row.message));
+    EXPECT_EQ(row.erases, Trace("erase mtd1", from).size());
     EXPECT_EQ(row.recorded, Trace("set-fis mtd7 0xff800000 0x00180000 ok", from).size() == 1);
   }
 }
@@ -242,29 +223,13 @@ TEST_F(FlashPatchTest, RepairWritesTheJuniorBoardsDirectoryAndLocksIt) {
     const std::string garbage = sim_test::ImageBytes(77, 0x10000);
     std::copy(garbage.begin(), garbage.end(), chip->image.end() - 0x10000);
   }));
-  const std::string head = "(RecoverFISDirTable_K77GPlus_V284) ";
-  const struct {
-    std::string fault;
-    int result, code;
-    std::string message;
-  } rows[] = {
-      {"write mtd5 every errno=EIO", -1, SLIB_ERR_READ, head + "write(/dev/mtd5) fail"},
-      {"open mtd5 nth=3 errno=EIO", -1, SLIB_ERR_OPEN, head + "open(/dev/mtd5) fail"},
-      {"erase mtd5 every errno=EIO", -1, 0, head + "VELTMTDErasePartition(/dev/mtd5) fail"},
-      {"clear", 0, 0, "UPDT"},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.fault);
-    Fault("fault clear");
-    Fault("fault " + row.fault);
-    SLIBCErrSet(0);
-    testing_support::SyslogRecords().clear();
-    const size_t from = Trace().size();
-    EXPECT_EQ(row.result, RecoverFISDirTable_K77GPlus_V284());
-    EXPECT_EQ(row.code, SLIBCErrGet());
-    EXPECT_EQ(row.result == 0 ? 0u : 1u, Logged(row.message));
-    EXPECT_EQ(1u, Trace("lock mtd5 0x00000000 0x00010000 ok", from).size());
-  }
+  Fault("fault write mtd5 every errno=EIO");
+  EXPECT_EQ(-1, RecoverFISDirTable_K77GPlus_V284());
+  EXPECT_EQ(SLIB_ERR_READ, SLIBCErrGet());
+  EXPECT_EQ(1u, Logged("(RecoverFISDirTable_K77GPlus_V284) write(/dev/mtd5) fail"));
+  EXPECT_EQ(Lines{"lock mtd5 0x00000000 0x00010000 ok"}, Trace("lock mtd5"));
+  Fault("fault clear");
+  EXPECT_EQ(0, RecoverFISDirTable_K77GPlus_V284());
   EXPECT_TRUE(ExpectedChip(undamaged).Lock("FIS Directory", 1).Matches(Unmounted()));
 }
 
