@@ -18,10 +18,10 @@ using sim_test::ExpectedChip;
 using testing_support::LoggedMessages;
 constexpr uint32_t kUnit = 16384;
 
-class MSysUpdateTest : public sim_test::UpdaterChipTest {
+class MSysUpdateTest : public sim_test::ChipTest {
  protected:
   void Start() {
-    UpdaterChipTest::Start("msys", 0);
+    ChipTest::Start("msys", 0);
     if (IsSkipped() || HasFatalFailure()) return;
     setenv("FILEBAY_FLASH_CONTROL", "/dev/flash/.control", 1);
     unlink(UPDT_LOG_FILE);
@@ -31,7 +31,7 @@ class MSysUpdateTest : public sim_test::UpdaterChipTest {
   }
   void TearDown() override {
     unsetenv("FILEBAY_FLASH_CONTROL");
-    UpdaterChipTest::TearDown();
+    ChipTest::TearDown();
   }
 
   // A package file that holds nothing but its size.

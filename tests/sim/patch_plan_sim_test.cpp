@@ -2,7 +2,7 @@
 // compared with a short model of the planning rules (blocks each partition
 // needs, the flash limit, the donor of every missing block, the shift of
 // the partitions after a resized one) and the chip with what the model's
-// plan writes; plus the directories the random ones never make.
+// plan writes.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -54,16 +54,15 @@ bool ModelResize(std::vector<ModelRow>* rows) {
   return true;
 }
 
-// The layout of the chip from 0xFFF00000 with `rows`; `omit` has no FIS
-// record.
-std::string Layout(const std::vector<ModelRow>& rows, const std::string& omit = "") {
+// The layout of the chip from 0xFFF00000 with `rows`.
+std::string Layout(const std::vector<ModelRow>& rows) {
   std::string layout = "kind nor\nerase-size 0x1000\nchip-base 0xFFF00000\nfis-device " +
                        std::to_string(rows.size() - 1) + "\n";
   char line[160];
   for (size_t i = 0; i < rows.size(); ++i) {
-    snprintf(line, sizeof(line), "partition %zu \"%s\" 0x%08X 0x%08X data-length=0x%08X%s%s\n", i,
+    snprintf(line, sizeof(line), "partition %zu \"%s\" 0x%08X 0x%08X data-length=0x%08X%s\n", i,
              rows[i].name.c_str(), rows[i].start, rows[i].size, rows[i].datalen,
-             i + 1 < rows.size() ? " pattern=label" : "", rows[i].name == omit ? " fis=no" : "");
+             i + 1 < rows.size() ? " pattern=label" : "");
     layout += line;
   }
   snprintf(line, sizeof(line), "chip-size 0x%08X\n",
@@ -71,22 +70,8 @@ std::string Layout(const std::vector<ModelRow>& rows, const std::string& omit = 
   return layout + line;
 }
 
-class PatchPlanSim : public sim_test::UpdaterChipTest {
+class PatchPlanSim : public sim_test::ChipTest {
  protected:
-  // The board family's table, the partitions `size` blocks each (the
-  // directory's one) and half full.
-  std::vector<ModelRow> Table(int junior, const std::function<uint32_t()>& size) {
-    UPDTSelectLayout(junior);
-    std::vector<ModelRow> rows;
-    uint32_t base = 0xFFF00000;
-    for (int i = 0; i < gPartitionCount; ++i) {
-      const uint32_t bytes = (i + 1 == gPartitionCount ? 1 : size()) * kBlock;
-      rows.push_back({gPartitionTable[i].part, UPDTIsFixedPartition(gPartitionTable[i].part) != 0,
-                      false, false, base, bytes, i + 1 == gPartitionCount ? 0x800u : bytes / 2});
-      base += bytes;
-    }
-    return rows;
-  }
   void StartWith(const std::string& layout, int junior) {
     testing_support::WriteFile(dir_->File("layout"), layout);
     Start(dir_->File("layout"), junior);
@@ -101,7 +86,16 @@ TEST_F(PatchPlanSim, RandomDirectoriesArePlannedAndPatchedAsTheModelSays) {
   int outcomes[5] = {};
   for (int round = 0; round < 40; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
-    std::vector<ModelRow> rows = Table(round % 2, [&] { return 1 + Below(6); });
+    // The table's partitions one after another, 1 to 6 blocks each (the
+    // directory's one), half full.
+    UPDTSelectLayout(round % 2);
+    std::vector<ModelRow> rows;
+    uint32_t base = 0xFFF00000;
+    for (int i = 0; i < gPartitionCount; ++i, base += rows.back().size) {
+      const uint32_t size = (i + 1 == gPartitionCount ? 1 : 1 + Below(6)) * kBlock;
+      rows.push_back({gPartitionTable[i].part, UPDTIsFixedPartition(gPartitionTable[i].part) != 0,
+                      false, false, base, size, size / 2});
+    }
     OR_RETURN(StartWith(Layout(rows), round % 2));
     // Package files for about half the partitions but the directory's: the
     // fixed ones within their partition, the others up to four blocks
@@ -181,21 +175,6 @@ TEST_F(PatchPlanSim, RandomDirectoriesArePlannedAndPatchedAsTheModelSays) {
     EXPECT_TRUE((fails ? sim_test::ExpectedChip(initial_) : expected).Matches(Unmounted()));
   }
   for (int count : outcomes) EXPECT_GT(count, 0) << ::testing::PrintToString(outcomes);
-}
-
-// A directory without its own record gives no flash size, nor does one
-// without the kernel's that ends at the top of the address space (in the
-// board's 32 bits).
-TEST_F(PatchPlanSim, FlashSizeComesFromTheKernelAndDirectoryRecords) {
-  for (const char* omit : {"FIS Directory", "zImage"}) {
-    std::vector<ModelRow> rows = Table(1, [] { return 1; });
-    // The kernel first, at the top of the address space.
-    for (size_t i = 0; i < rows.size(); ++i) rows[i].start = 0xFFFFA000 + (i ^ (i < 2)) * kBlock;
-    OR_RETURN(StartWith(Layout(rows, omit), 1));
-    Package("zImage", 1, 0x100);
-    EXPECT_EQ(-1, UPDTInitPatchInfo(records_.data(), count_));
-    EXPECT_EQ("UPDTInitPatchInfo(N): flashsize == 0", LoggedMessages(LOG_ERR).back()) << omit;
-  }
 }
 
 }  // namespace

@@ -13,11 +13,9 @@
 #include <string.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -25,7 +23,6 @@
 #include <string>
 #include <vector>
 
-#include "lib/slib_error.h"
 #include "lib/unique_fd.h"
 #include "sdk/velt_mtd.h"
 #include "sim/flash_state.h"
@@ -57,13 +54,10 @@ inline std::string MountUnavailable() {
 
 // True while something is mounted at `mount_point`.
 inline bool IsMounted(const std::string& mount_point) {
-  std::ifstream mounts("/proc/self/mountinfo");
-  std::string line;
-  while (std::getline(mounts, line)) {
+  for (const std::string& line : ReadLines("/proc/self/mountinfo")) {
     std::istringstream fields(line);
     std::string id, parent, numbers, root, point;
-    fields >> id >> parent >> numbers >> root >> point;
-    if (point == mount_point) return true;
+    if (fields >> id >> parent >> numbers >> root >> point && point == mount_point) return true;
   }
   return false;
 }
@@ -150,7 +144,7 @@ inline std::string Control(const std::string& mount_point, const std::string& co
 
 // A board's chip mounted at kDevFlash inside the throwaway root, with the
 // /dev/mtdN links of its partitions.
-class MountedChipTest : public ::testing::Test {
+class ChipTest : public ::testing::Test {
  protected:
   void SetUp() override {
     std::string why = testing_support::EnterThrowawayRoot();
@@ -215,18 +209,9 @@ class MountedChipTest : public ::testing::Test {
     return lines;
   }
 
-  std::unique_ptr<testing_support::TempDir> dir_;
-  std::string state_;
-  pid_t daemon_ = -1;
-  int mounts_ = 0;
-  flashsim::ChipState initial_;
-};
-
-// A chip for the updater's flash code: the run state reset, the board
-// family's tables chosen, an empty working directory as the current one and
-// the FIS directory, when one can be read, in records_.
-class UpdaterChipTest : public MountedChipTest {
- protected:
+  // For the updater's flash code: the chip mounted, the run state reset,
+  // the board family's tables chosen, an empty working directory as the
+  // current one and the FIS directory, when one can be read, in records_.
   void Start(const std::string& layout, int junior,
              const std::function<void(flashsim::ChipState*)>& edit = nullptr) {
     Mount(layout, edit);
@@ -234,14 +219,13 @@ class UpdaterChipTest : public MountedChipTest {
     UPDTResetRunState();
     UPDTSelectLayout(junior);
     unlink(UPDT_PROGRESS_FILE);
-    SLIBCErrSet(0);
     snprintf(gszWorkDir, sizeof(gszWorkDir), "%s",
              dir_->File("w" + std::to_string(mounts_)).c_str());
     ASSERT_EQ(0, mkdir(gszWorkDir, 0755));
     ASSERT_EQ(0, chdir(gszWorkDir));
     int bytes = 0;
     count_ = VELTMTDGetPartitionInfo(gszDevMtdPartition, nullptr, 0, &bytes);
-    records_.assign(static_cast<size_t>(std::max(bytes, 0)), 0);
+    records_.assign(count_ > 0 ? bytes : 0, 0);
     if (count_ > 0) VELTMTDGetPartitionInfo(gszDevMtdPartition, records_.data(), bytes, &bytes);
     testing_support::SyslogRecords().clear();
   }
@@ -259,6 +243,11 @@ class UpdaterChipTest : public MountedChipTest {
     return text.substr(0, text.find(':', 2));
   }
 
+  std::unique_ptr<testing_support::TempDir> dir_;
+  std::string state_;
+  pid_t daemon_ = -1;
+  int mounts_ = 0;
+  flashsim::ChipState initial_;
   std::vector<unsigned char> records_;
   int count_ = 0;
 };

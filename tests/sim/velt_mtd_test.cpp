@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include "lib/slib_error.h"
 #include "log_lines.h"
 #include "sim_test_mount.h"
 
@@ -21,7 +22,7 @@ Lines Logged() {
   return lines;
 }
 
-using VeltMtdTest = sim_test::MountedChipTest;
+using VeltMtdTest = sim_test::ChipTest;
 
 TEST_F(VeltMtdTest, DirectoryIsCountedAndCopiedUpToTheFirstErasedRecord) {
   OR_RETURN(Mount("nor8"));
@@ -43,23 +44,6 @@ TEST_F(VeltMtdTest, DirectoryIsCountedAndCopiedUpToTheFirstErasedRecord) {
   EXPECT_EQ(0, bytes);
 }
 
-TEST_F(VeltMtdTest, RequestsChangeOnlyWhatTheyName) {
-  // The kernel's record renamed to fifteen characters: the driver's longest.
-  OR_RETURN(Mount("nor8", [](flashsim::ChipState* chip) {
-    chip->layout.partitions[1].name = "ABCDEFGHIJKLMNO";
-    memcpy(&chip->image[0x7F0100], "ABCDEFGHIJKLMNO", 15);
-  }));
-  EXPECT_EQ(0, VELTMTDErasePartition("/dev/mtd2"));
-  EXPECT_EQ(0, VELTMTDModifyPartitionSize("/dev/mtd1", 0xFF810000, 0x170000));
-  VELTMTDFisEntry entry = {{}, 0xFF810000, 0x170000, 0x12F3A4};
-  memcpy(entry.name, "ABCDEFGHIJKLMNOP", 16);  // no terminating NUL
-  EXPECT_EQ(0, VELTMTDModifyFISEntry(kFis, &entry));
-  EXPECT_EQ(0, VELTMTDILock("/dev/mtd3", 1));
-  ExpectedChip expected(initial_);
-  expected.Write("rd.gz", "", false).Move("ABCDEFGHIJKLMNO", 1, -1).Lock("AllLib.tgz", 1);
-  EXPECT_TRUE(expected.Matches(Unmounted()));
-}
-
 // Each failure is logged with its step and errno and changes nothing.
 TEST_F(VeltMtdTest, FailuresAreLoggedWithTheirStepAndErrno) {
   OR_RETURN(Mount("nor8"));
@@ -72,8 +56,6 @@ TEST_F(VeltMtdTest, FailuresAreLoggedWithTheirStepAndErrno) {
   } rows[] = {
       {"read mtd7", [&] { return VELTMTDGetPartitionInfo(kFis, nullptr, 0, &bytes); },
        "VELTMTDGetPartitionInfo(N): failed to read from /dev/mtd7(errno = 5)"},
-      {"", [&] { return VELTMTDErasePartition("/dev/mtd9"); },
-       "VELTMTDErasePartition(N): fail to open mtd device /dev/mtd9, errno = 2"},
       {"erase mtd2", [&] { return VELTMTDErasePartition("/dev/mtd2"); },
        "Could not erase MTD device: /dev/mtd2, errno = 5\n"},
       {"", [&] { return VELTMTDModifyPartitionSize("/dev/mtd2", 0xFF980800, 0x10000); },
