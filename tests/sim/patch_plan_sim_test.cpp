@@ -54,29 +54,7 @@ bool ModelResize(std::vector<ModelRow>* rows) {
   return true;
 }
 
-// The layout of the chip from 0xFFF00000 with `rows`.
-std::string Layout(const std::vector<ModelRow>& rows) {
-  std::string layout = "kind nor\nerase-size 0x1000\nchip-base 0xFFF00000\nfis-device " +
-                       std::to_string(rows.size() - 1) + "\n";
-  char line[160];
-  for (size_t i = 0; i < rows.size(); ++i) {
-    snprintf(line, sizeof(line), "partition %zu \"%s\" 0x%08X 0x%08X data-length=0x%08X%s\n", i,
-             rows[i].name.c_str(), rows[i].start, rows[i].size, rows[i].datalen,
-             i + 1 < rows.size() ? " pattern=label" : "");
-    layout += line;
-  }
-  snprintf(line, sizeof(line), "chip-size 0x%08X\n",
-           rows.back().start + rows.back().size - 0xFFF00000);
-  return layout + line;
-}
-
-class PatchPlanSim : public sim_test::ChipTest {
- protected:
-  void StartWith(const std::string& layout, int junior) {
-    testing_support::WriteFile(dir_->File("layout"), layout);
-    Start(dir_->File("layout"), junior);
-  }
-};
+using PatchPlanSim = sim_test::ChipTest;
 
 TEST_F(PatchPlanSim, RandomDirectoriesArePlannedAndPatchedAsTheModelSays) {
   std::mt19937 random(20240611);
@@ -86,17 +64,26 @@ TEST_F(PatchPlanSim, RandomDirectoriesArePlannedAndPatchedAsTheModelSays) {
   int outcomes[5] = {};
   for (int round = 0; round < 40; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
-    // The table's partitions one after another, 1 to 6 blocks each (the
-    // directory's one), half full.
+    // The table's partitions one after another from 0xFFF00000, 1 to 6
+    // blocks each (the directory's one), half full.
     UPDTSelectLayout(round % 2);
     std::vector<ModelRow> rows;
+    char line[160];
+    std::string layout = "kind nor\nerase-size 0x1000\nchip-base 0xFFF00000\n";
     uint32_t base = 0xFFF00000;
     for (int i = 0; i < gPartitionCount; ++i, base += rows.back().size) {
-      const uint32_t size = (i + 1 == gPartitionCount ? 1 : 1 + Below(6)) * kBlock;
+      const bool last = i + 1 == gPartitionCount;
+      const uint32_t size = (last ? 1 : 1 + Below(6)) * kBlock;
       rows.push_back({gPartitionTable[i].part, UPDTIsFixedPartition(gPartitionTable[i].part) != 0,
                       false, false, base, size, size / 2});
+      snprintf(line, sizeof(line), "partition %d \"%s\" 0x%08X 0x%08X data-length=0x%08X%s\n", i,
+               gPartitionTable[i].part, base, size, size / 2, last ? "" : " pattern=label");
+      layout += line;
     }
-    OR_RETURN(StartWith(Layout(rows), round % 2));
+    snprintf(line, sizeof(line), "chip-size 0x%08X\nfis-device %d\n", base - 0xFFF00000,
+             gPartitionCount - 1);
+    testing_support::WriteFile(dir_->File("layout"), layout + line);
+    OR_RETURN(Start(dir_->File("layout"), round % 2));
     // Package files for about half the partitions but the directory's: the
     // fixed ones within their partition, the others up to four blocks
     // bigger; every fourth round a kernel that fills the flash exactly, or

@@ -16,7 +16,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <sstream>
@@ -25,10 +24,8 @@
 
 #include "lib/unique_fd.h"
 #include "sdk/velt_mtd.h"
-#include "sim/flash_state.h"
 #include "sim_test_chips.h"
 #include "sim_test_programs.h"
-#include "test_support.h"
 #include "updater/patch_plan.h"
 #include "updater/update_run.h"
 #include "updater/update_status.h"
@@ -46,10 +43,8 @@ inline std::string MountUnavailable() {
   if (std::string(FLASHSIM_DAEMON).empty() || std::string(FLASH_TOOL).empty()) {
     return "the flash simulator was not built (libfuse3 is missing)";
   }
-  if (access("/dev/fuse", R_OK | W_OK) != 0) {
-    return std::string("/dev/fuse is not usable: ") + strerror(errno);
-  }
-  return "";
+  if (access("/dev/fuse", R_OK | W_OK) == 0) return "";
+  return std::string("/dev/fuse is not usable: ") + strerror(errno);
 }
 
 // True while something is mounted at `mount_point`.
@@ -104,11 +99,9 @@ inline void StartDaemon(const std::string& state, const std::string& mount_point
 }
 
 // Unmounts `mount_point` by whatever this process may use: the system call,
-// else fusermount3, else lazily.
+// else lazily, else fusermount3 lazily.
 inline void Unmount(const std::string& mount_point) {
-  if (umount2(mount_point.c_str(), 0) == 0) return;
-  if (RunProgram({"fusermount3", "-u", mount_point}) == 0) return;
-  if (umount2(mount_point.c_str(), MNT_DETACH) == 0) return;
+  if (umount2(mount_point.c_str(), 0) == 0 || umount2(mount_point.c_str(), MNT_DETACH) == 0) return;
   RunProgram({"fusermount3", "-u", "-z", mount_point});
 }
 
@@ -134,9 +127,8 @@ inline std::string Control(const std::string& mount_point, const std::string& co
   UniqueFd control(open((mount_point + "/.control").c_str(), O_RDWR));
   if (control.get() < 0) return std::string("open: ") + strerror(errno);
   const std::string line = command + "\n";
-  if (write(control.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
+  if (write(control.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size()))
     return std::string("write: ") + strerror(errno);
-  }
   char answer[256] = {};
   const ssize_t length = pread(control.get(), answer, sizeof(answer) - 1, 0);
   return length < 0 ? std::string("read: ") + strerror(errno) : std::string(answer);
