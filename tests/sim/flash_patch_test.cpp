@@ -35,10 +35,8 @@ ExpectedChip Locked(const flashsim::ChipState& chip, uint8_t value) {
 
 class FlashPatchTest : public sim_test::ChipTest {
  protected:
-  void Start(bool locked = true) {
-    ChipTest::Start("nor8", 0, [&](flashsim::ChipState* chip) {
-      if (locked) *chip = Locked(*chip, 1).chip();
-    });
+  void Start() {
+    ChipTest::Start("nor8", 0, [](flashsim::ChipState* chip) { *chip = Locked(*chip, 1).chip(); });
   }
 };
 
@@ -145,7 +143,6 @@ TEST_F(FlashPatchTest, RollBackRestoresWhatThePatchTouched) {
     Fault(std::string("fault ") + fault);
     testing_support::SyslogRecords().clear();
     const size_t from = Trace().size();
-    SCOPED_TRACE(fault);
     const bool clear = fault[0] == 'c';
     EXPECT_EQ(clear ? 0 : -1, UPDTRollBack(records_.data(), count_));
     EXPECT_EQ(clear ? 1u : 3u, Trace("erase mtd0", from).size());

@@ -15,9 +15,7 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
 using sim_test::ExpectedChip;
-using testing_support::LoggedMessages;
 constexpr uint32_t kUnit = 16384;
 
 class MSysUpdateTest : public sim_test::ChipTest {
@@ -87,7 +85,7 @@ TEST_F(MSysUpdateTest, PlanCountsUnitsRoundedUpAndMayFillTheDisk) {
   EXPECT_EQ(-1, UPDTMSysInitPatchInfo(records_.data(), 8));
   EXPECT_EQ(
       "UPDTMSysInitPatchInfo(N): the binary size exceeds flash size limit(total = 968 blocks)",
-      LoggedMessages(LOG_ERR).back());
+      testing_support::LoggedMessages(LOG_ERR).back());
 }
 
 // The whole flash part of a run: its result code, the last progress record

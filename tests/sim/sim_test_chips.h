@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -119,11 +120,10 @@ class ExpectedChip {
 
   const flashsim::ChipState& chip() const { return chip_; }
   flashsim::PartitionLayout& Part(const std::string& name) {
-    for (flashsim::PartitionLayout& partition : chip_.layout.partitions) {
+    for (auto& partition : chip_.layout.partitions) {
       if (partition.name == name) return partition;
     }
-    ADD_FAILURE() << "no partition " << name;
-    return chip_.layout.partitions.front();
+    throw std::out_of_range("no partition " + name);
   }
 
   // The partition lies `shift` blocks further and is `grow` blocks bigger;
@@ -197,19 +197,6 @@ class ExpectedChip {
   }
 
  private:
-  // Where the FIS records of `state` lie, up to the first erased one.
-  static std::vector<size_t> Records(const flashsim::ChipState& state) {
-    std::vector<size_t> offsets;
-    const flashsim::PartitionLayout* directory = state.layout.Find(state.layout.fis_device);
-    if (state.layout.kind != flashsim::ChipKind::kNor || directory == nullptr) return offsets;
-    const size_t start = directory->base - state.layout.chip_base;
-    for (size_t at = start; at + 256 <= start + directory->size && state.image[at] != 0xFF;
-         at += 256) {
-      offsets.push_back(at);
-    }
-    return offsets;
-  }
-
   static std::vector<std::string> Summary(const flashsim::ChipState& state) {
     std::vector<std::string> lines;
     const bool disk = state.layout.kind == flashsim::ChipKind::kMSys;
@@ -222,9 +209,14 @@ class ExpectedChip {
     return lines;
   }
 
+  // Edits the FIS record `name`, looking no further than the first erased one.
   template <typename Edit>
   void EditRecord(const std::string& name, Edit edit) {
-    for (size_t at : Records(chip_)) {
+    const flashsim::PartitionLayout* directory = chip_.layout.Find(chip_.layout.fis_device);
+    if (chip_.layout.kind != flashsim::ChipKind::kNor || directory == nullptr) return;
+    const size_t start = directory->base - chip_.layout.chip_base;
+    for (size_t at = start; at + 256 <= start + directory->size && chip_.image[at] != 0xFF;
+         at += 256) {
       flashsim::FisRecord record = flashsim::DecodeFisRecord(&chip_.image[at]);
       if (record.name != name) continue;
       edit(&record);

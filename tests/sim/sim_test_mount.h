@@ -153,7 +153,6 @@ class ChipTest : public ::testing::Test {
     StopDaemon(kDevFlash, &daemon_);
     for (int i = 0; i < 8; ++i) unlink(("/dev/mtd" + std::to_string(i)).c_str());
     dir_.reset();
-    testing_support::SyslogRecords().clear();
   }
 
   // Makes the chip of `layout` (a board of FLASH_LAYOUT_DIR, or a layout
