@@ -112,10 +112,7 @@ TEST_F(PatchPlanSim, RandomDirectoriesArePlannedAndPatchedAsTheModelSays) {
 
     ASSERT_EQ(total > flash ? -1 : 0, UPDTInitPatchInfo(records_.data(), count_));
 
-    if (total > flash) {
-      ++outcomes[0];
-      continue;
-    }
+    if (total > flash && ++outcomes[0]) continue;
     const bool resizable = ModelResize(&rows);  // on failure before any shift
     bool fails = false;                         // a moved partition without an image
     for (const ModelRow& row : rows) fails |= row.rewrite && !row.has_file;

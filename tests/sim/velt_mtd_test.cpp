@@ -13,14 +13,9 @@ namespace {
 
 using Lines = std::vector<std::string>;
 using sim_test::ExpectedChip;
+using testing_support::LoggedErrorLines;
 constexpr char kFis[] = "/dev/mtd7";
 constexpr int kDirectory = 8 * 256;
-
-Lines Logged() {
-  const Lines lines = testing_support::LoggedErrorLines();
-  testing_support::SyslogRecords().clear();
-  return lines;
-}
 
 using VeltMtdTest = sim_test::ChipTest;
 
@@ -37,7 +32,18 @@ TEST_F(VeltMtdTest, DirectoryIsCountedAndCopiedUpToTheFirstErasedRecord) {
   buffer.assign(kDirectory, 'x');
   EXPECT_EQ(-1, VELTMTDGetPartitionInfo(kFis, &buffer[0], kDirectory - 1, &bytes));
   EXPECT_EQ(directory.substr(0, 7 * 256) + std::string(256, 'x'), buffer);
-  EXPECT_EQ(Lines{"VELTMTDGetPartitionInfo(N): not enough memory"}, Logged());
+  EXPECT_EQ(Lines{"VELTMTDGetPartitionInfo(N): not enough memory"}, LoggedErrorLines());
+}
+
+// The driver is given no more than the fifteen characters it matches.
+TEST_F(VeltMtdTest, FisEntryNameIsCutToFifteenCharacters) {
+  OR_RETURN(Mount("nor8", [](flashsim::ChipState* chip) {
+    memcpy(&chip->image[0x7F0100], "ABCDEFGHIJKLMNO", 15);  // the kernel's record
+  }));
+  VELTMTDFisEntry entry = {"ABCDEFGHIJKLMNO", 0xFF800000, 0x170000, 5};
+  entry.name[15] = 'P';  // no terminating NUL
+  EXPECT_EQ(0, VELTMTDModifyFISEntry(kFis, &entry));
+  EXPECT_EQ(Lines{"set-fis mtd7 0xff800000 0x00170000 ok"}, Trace("set-fis"));
 }
 
 // Each failure is logged with its step and errno and changes nothing.
@@ -58,8 +64,9 @@ TEST_F(VeltMtdTest, FailuresAreLoggedWithTheirStepAndErrno) {
   };
   for (const auto& row : rows) {
     if (row.fault[0] != '\0') Fault(std::string("fault ") + row.fault + " every errno=EIO");
+    testing_support::SyslogRecords().clear();
     EXPECT_EQ(-1, row.call()) << row.message;
-    EXPECT_EQ(Lines{row.message}, Logged());
+    EXPECT_EQ(Lines{row.message}, LoggedErrorLines());
     Fault("fault clear");
   }
   EXPECT_TRUE(ExpectedChip(initial_).Matches(Unmounted()));
