@@ -117,7 +117,7 @@ TEST_F(MSysUpdateTest, UpdateEndsWithTheCodeOfTheFirstFailureAndRollsBack) {
          ASSERT_EQ(0, system("mkdir -p /usr/velt/etc/rc.atalk/keep"));
        },
        17, "C:100", restored, 1, 1},
-      // The format refused: nothing was written, every partition is.
+      // A refused format: the roll-back writes every partition back in place.
       {"format fails", [&] { Growing(), fault("format all"); }, 20, "P:100", restored, 1, 1},
       {"table unread", [&] { fault("get-table all"); }, 18, "P:0", same, 0, 0},
       {"plan fails", [&] { Sparse("AllLib.tgz", off_t{1000} * kUnit); }, 19, "P:10", same, 0, 0},
