@@ -13,19 +13,22 @@
 #include <string.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
+#include <functional>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "lib/unique_fd.h"
-#include "sim/flash_state.h"
+#include "sdk/velt_mtd.h"
+#include "sim_test_chips.h"
 #include "sim_test_programs.h"
-#include "test_support.h"
+#include "updater/patch_plan.h"
+#include "updater/update_run.h"
+#include "updater/update_status.h"
 
 namespace sim_test {
 
@@ -40,37 +43,16 @@ inline std::string MountUnavailable() {
   if (std::string(FLASHSIM_DAEMON).empty() || std::string(FLASH_TOOL).empty()) {
     return "the flash simulator was not built (libfuse3 is missing)";
   }
-  if (access("/dev/fuse", R_OK | W_OK) != 0) {
-    return std::string("/dev/fuse is not usable: ") + strerror(errno);
-  }
-  return "";
-}
-
-// The example board layout `board` ("nor8", "junior6", "msys") of the
-// source tree.
-inline std::string BoardLayout(const std::string& board) {
-  return std::string(FLASH_LAYOUT_DIR) + "/" + board + ".layout";
-}
-
-// Makes the state directory `state` from the layout file `layout` with
-// filebay-flash; "" or what went wrong, with the tool's messages.
-inline std::string CreateChipState(const std::string& state, const std::string& layout) {
-  const std::string log = state + ".create.log";
-  const int status = RunProgram({FLASH_TOOL, "create", state, layout}, log);
-  if (status == 0) return "";
-  return "filebay-flash create " + layout + " exited with " + std::to_string(status) + ": " +
-         testing_support::ReadFile(log);
+  if (access("/dev/fuse", R_OK | W_OK) == 0) return "";
+  return std::string("/dev/fuse is not usable: ") + strerror(errno);
 }
 
 // True while something is mounted at `mount_point`.
 inline bool IsMounted(const std::string& mount_point) {
-  std::ifstream mounts("/proc/self/mountinfo");
-  std::string line;
-  while (std::getline(mounts, line)) {
+  for (const std::string& line : ReadLines("/proc/self/mountinfo")) {
     std::istringstream fields(line);
     std::string id, parent, numbers, root, point;
-    fields >> id >> parent >> numbers >> root >> point;
-    if (point == mount_point) return true;
+    if (fields >> id >> parent >> numbers >> root >> point && point == mount_point) return true;
   }
   return false;
 }
@@ -117,11 +99,9 @@ inline void StartDaemon(const std::string& state, const std::string& mount_point
 }
 
 // Unmounts `mount_point` by whatever this process may use: the system call,
-// else fusermount3, else lazily.
+// else lazily, else fusermount3 lazily.
 inline void Unmount(const std::string& mount_point) {
-  if (umount2(mount_point.c_str(), 0) == 0) return;
-  if (RunProgram({"fusermount3", "-u", mount_point}) == 0) return;
-  if (umount2(mount_point.c_str(), MNT_DETACH) == 0) return;
+  if (umount2(mount_point.c_str(), 0) == 0 || umount2(mount_point.c_str(), MNT_DETACH) == 0) return;
   RunProgram({"fusermount3", "-u", "-z", mount_point});
 }
 
@@ -147,32 +127,129 @@ inline std::string Control(const std::string& mount_point, const std::string& co
   UniqueFd control(open((mount_point + "/.control").c_str(), O_RDWR));
   if (control.get() < 0) return std::string("open: ") + strerror(errno);
   const std::string line = command + "\n";
-  if (write(control.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
+  if (write(control.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size()))
     return std::string("write: ") + strerror(errno);
-  }
   char answer[256] = {};
   const ssize_t length = pread(control.get(), answer, sizeof(answer) - 1, 0);
   return length < 0 ? std::string("read: ") + strerror(errno) : std::string(answer);
 }
 
-// Points /dev/mtdN at kDevFlash's mtdN for every partition N of `layout`,
-// the way the board's device nodes name them.
-inline ::testing::AssertionResult LinkMtdDevices(const flashsim::ChipLayout& layout) {
-  for (const flashsim::PartitionLayout& partition : layout.partitions) {
-    const std::string link = "/dev/mtd" + std::to_string(partition.index);
-    const std::string target = "flash/mtd" + std::to_string(partition.index);
-    unlink(link.c_str());
-    if (symlink(target.c_str(), link.c_str()) != 0) {
-      return ::testing::AssertionFailure() << "symlink " << link << ": " << strerror(errno);
+// A board's chip mounted at kDevFlash inside the throwaway root, with the
+// /dev/mtdN links of its partitions.
+class ChipTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string why = testing_support::EnterThrowawayRoot();
+    if (why.empty()) why = MountUnavailable();
+    if (!why.empty()) GTEST_SKIP() << why;
+    dir_ = std::make_unique<testing_support::TempDir>();
+    mkdir(kDevFlash, 0755);
+    testing_support::SyslogRecords().clear();
+  }
+
+  void TearDown() override {
+    if (dir_ == nullptr) return;  // skipped before the throwaway root was entered
+    EXPECT_EQ(0, chdir("/"));
+    StopDaemon(kDevFlash, &daemon_);
+    for (int i = 0; i < 8; ++i) unlink(("/dev/mtd" + std::to_string(i)).c_str());
+    dir_.reset();
+  }
+
+  // Makes the chip of `layout` (a board of FLASH_LAYOUT_DIR, or a layout
+  // file's path) with filebay-flash, lets `edit` change it and mounts it in
+  // place of any earlier one; initial_ is the chip before the test.
+  void Mount(const std::string& layout,
+             const std::function<void(flashsim::ChipState*)>& edit = nullptr) {
+    StopDaemon(kDevFlash, &daemon_);
+    state_ = dir_->File("state" + std::to_string(++mounts_));
+    const std::string path = layout[0] == '/' ? layout : FLASH_LAYOUT_DIR "/" + layout + ".layout";
+    ASSERT_EQ(0, RunProgram({FLASH_TOOL, "create", state_, path}, state_ + ".log"))
+        << testing_support::ReadFile(state_ + ".log");
+    std::string error;
+    ASSERT_TRUE(flashsim::LoadState(state_, &initial_, &error)) << error;
+    if (edit) edit(&initial_);
+    ASSERT_TRUE(flashsim::SaveState(initial_, &error)) << error;
+    StartDaemon(state_, kDevFlash, dir_->File("daemon.log"), {}, &daemon_);
+    for (const flashsim::PartitionLayout& partition : initial_.layout.partitions) {
+      const std::string link = "/dev/mtd" + std::to_string(partition.index);
+      unlink(link.c_str());
+      ASSERT_EQ(0, symlink(("flash/mtd" + std::to_string(partition.index)).c_str(), link.c_str()));
     }
   }
-  return ::testing::AssertionSuccess();
-}
 
-// Removes the links /dev/mtd0 .. /dev/mtd<count - 1>.
-inline void RemoveMtdLinks(int count) {
-  for (int i = 0; i < count; ++i) unlink(("/dev/mtd" + std::to_string(i)).c_str());
-}
+  // Unmounts the chip (the simulator saves it) and loads what it saved.
+  flashsim::ChipState Unmounted() {
+    StopDaemon(kDevFlash, &daemon_);
+    flashsim::ChipState state;
+    std::string error;
+    EXPECT_TRUE(flashsim::LoadState(state_, &state, &error)) << error;
+    return state;
+  }
+
+  void Fault(const std::string& command) {
+    ASSERT_EQ("OK\n", Control(kDevFlash, command)) << command;
+  }
+
+  // The simulator's trace lines from line `from` on that start with `prefix`.
+  std::vector<std::string> Trace(const std::string& prefix = "", size_t from = 0) const {
+    const std::vector<std::string> all = ReadLines(state_ + "/trace.log");
+    std::vector<std::string> lines;
+    for (size_t i = from; i < all.size(); ++i) {
+      if (all[i].rfind(prefix, 0) == 0) lines.push_back(all[i]);
+    }
+    return lines;
+  }
+
+  // For the updater's flash code: the chip mounted, the run state reset,
+  // the board family's tables chosen, an empty working directory as the
+  // current one and the FIS directory, when one can be read, in records_.
+  void Start(const std::string& layout, int junior,
+             const std::function<void(flashsim::ChipState*)>& edit = nullptr) {
+    Mount(layout, edit);
+    if (IsSkipped() || HasFatalFailure()) return;
+    UPDTResetRunState();
+    UPDTSelectLayout(junior);
+    unlink(UPDT_PROGRESS_FILE);
+    snprintf(gszWorkDir, sizeof(gszWorkDir), "%s",
+             dir_->File("w" + std::to_string(mounts_)).c_str());
+    ASSERT_EQ(0, mkdir(gszWorkDir, 0755));
+    ASSERT_EQ(0, chdir(gszWorkDir));
+    int bytes = 0;
+    count_ = VELTMTDGetPartitionInfo(gszDevMtdPartition, nullptr, 0, &bytes);
+    records_.assign(count_ > 0 ? bytes : 0, 0);
+    if (count_ > 0) VELTMTDGetPartitionInfo(gszDevMtdPartition, records_.data(), bytes, &bytes);
+    testing_support::SyslogRecords().clear();
+  }
+
+  // A package file of `length` bytes in the working directory: its bytes.
+  static std::string Package(const std::string& file, uint32_t seed, size_t length) {
+    const std::string bytes = ImageBytes(seed, length);
+    testing_support::WriteFile(std::string(gszWorkDir) + "/" + file, bytes);
+    return bytes;
+  }
+
+  // The progress record without its padding: "P:60:      " -> "P:60".
+  static std::string Progress() {
+    const std::string text = testing_support::ReadFile(UPDT_PROGRESS_FILE);
+    return text.substr(0, text.find(':', 2));
+  }
+
+  std::unique_ptr<testing_support::TempDir> dir_;
+  std::string state_;
+  pid_t daemon_ = -1;
+  int mounts_ = 0;
+  flashsim::ChipState initial_;
+  std::vector<unsigned char> records_;
+  int count_ = 0;
+};
+
+// Mount(...) or Start(...), returning from the test when it was skipped or
+// failed.
+#define OR_RETURN(call)                           \
+  do {                                            \
+    call;                                         \
+    if (IsSkipped() || HasFatalFailure()) return; \
+  } while (0)
 
 }  // namespace sim_test
 
