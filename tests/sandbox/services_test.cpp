@@ -1,605 +1,225 @@
 // Network service stop/start, the process kill helpers, the MTU and the
-// settings writer, run by the driver program sdk_probe inside appliance
-// sandboxes: stub service scripts and daemons, a private process table and
-// an "eth0" whose driver reports a chosen link speed.
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <chrono>
-#include <set>
-#include <sstream>
+// settings writer, run by the module probe inside an appliance sandbox per
+// case: stub service scripts and daemons, a private process table and an
+// "eth0" whose driver reports a chosen link speed.
 #include <string>
 #include <vector>
 
 #include "sandbox_test_support.h"
-#include "sim/sandbox.h"
-#include "test_support.h"
 
 namespace {
 
-using sandbox::RunResult;
-using sandbox::Sandbox;
 using sandbox::Scenario;
 using Lines = std::vector<std::string>;
-using sandbox_test::Describe;
-using sandbox_test::SplitLines;
 
-constexpr char kProbe[] = "/sdk_probe";
-constexpr char kRc[] = "/usr/velt/etc/rc.d/";
 constexpr char kFtpd[] = "/usr/velt/sbin/ftpd";
 constexpr char kSmbd[] = "/usr/velt/sbin/smbd";
 constexpr char kNmbd[] = "/usr/velt/sbin/nmbd";
 
-// Lists every process as "proc <pid> <name> <state>".
-constexpr char kProcessList[] =
-    "for p in /proc/[0-9]*; do "
-    "read -r c <$p/comm 2>/dev/null && read -r s <$p/stat 2>/dev/null && "
-    "{ set -- ${s#*) }; echo \"proc ${p#/proc/} $c $1\"; }; done";
-
-// Waits up to 2 seconds until no live process is called $1: a SIGKILL takes
-// effect after the kill call returns.
-constexpr char kWaitUntilGone[] =
-    "gone() { name=$1; n=0; while [ $n -lt 200 ]; do live=0; "
-    "for p in /proc/[0-9]*; do "
-    "if read -r c <$p/comm 2>/dev/null && [ \"$c\" = \"$name\" ] && read -r s <$p/stat "
-    "2>/dev/null; "
-    "then set -- ${s#*) }; [ \"$1\" != Z ] && live=1; fi; done; "
-    "[ $live = 0 ] && return 0; usleep 10000; n=$((n + 1)); done; return 1; }; gone";
-
-std::string Rc(const std::string& call) { return kRc + call; }
-
-Lines RcCalls(const Lines& calls) {
-  Lines lines;
-  for (const std::string& call : calls) lines.push_back(Rc(call));
-  return lines;
+// Prints "live NAME" for every process called NAME (a shell pattern) that
+// is not a zombie.
+std::string Live(const std::string& names) {
+  return "; for p in /proc/[0-9]*; do read -r c <$p/comm && read -r s <$p/stat && "
+         "set -- ${s#*) } && [ \"$1\" != Z ] && case $c in " +
+         names + ") echo \"live $c\";; esac; done 2>/dev/null; ";
 }
 
-Lines Concat(std::initializer_list<Lines> parts) {
-  Lines all;
-  for (const Lines& part : parts) all.insert(all.end(), part.begin(), part.end());
-  return all;
-}
-
-// The probe's result lines ("<call>: result <r> error <code>").
-Lines ProbeResults(const RunResult& result) {
-  Lines lines;
-  for (const std::string& line : SplitLines(result.out)) {
-    if (line.find(": result ") != std::string::npos) lines.push_back(line);
+// Each "S..." of `calls` as a call of that service script.
+Lines Rc(Lines calls) {
+  for (std::string& call : calls) {
+    if (call[0] == 'S') call = "/usr/velt/etc/rc.d/" + call;
   }
-  return lines;
+  return calls;
 }
-
-// The probe's syslog messages as "<facility.priority> <message>", the source
-// line number of the message replaced by "N".
-Lines ProbeMessages(const RunResult& result) {
-  return sandbox_test::ProgramMessages(result, "sdk_probe");
-}
-
-// True for a time written with "%Y/%m/%d %H:%M:%S".
-bool IsExportTime(const std::string& text) {
-  const std::string shape = "dddd/dd/dd dd:dd:dd";
-  if (text.size() != shape.size()) return false;
-  for (size_t i = 0; i < shape.size(); ++i) {
-    const bool digit = text[i] >= '0' && text[i] <= '9';
-    if (shape[i] == 'd' ? !digit : text[i] != shape[i]) return false;
-  }
-  return true;
-}
-
-// The lines of an exported event log without their time (which must have
-// the export's format): "level\tsource\ttext\tuser\tprogram".
-Lines ExportedEvents(const std::string& content) {
-  Lines events;
-  for (const std::string& line : SplitLines(content)) {
-    std::vector<std::string> fields;
-    std::istringstream stream(line);
-    for (std::string field; std::getline(stream, field, '\t');) fields.push_back(field);
-    if (fields.size() != 6 || !IsExportTime(fields[2])) {
-      ADD_FAILURE() << "not an exported event: " << line;
-      continue;
-    }
-    events.push_back(fields[0] + "\t" + fields[1] + "\t" + fields[3] + "\t" + fields[4] + "\t" +
-                     fields[5]);
-  }
-  return events;
-}
-
-// Pids of the live (not zombie) processes called `name` in a process list.
-std::set<int> LiveProcesses(const std::string& out, const std::string& name) {
-  std::set<int> pids;
-  for (const std::string& line : SplitLines(out)) {
-    std::istringstream fields(line);
-    std::string tag, comm, state;
-    int pid = 0;
-    if (fields >> tag >> pid >> comm >> state && tag == "proc" && comm == name && state != "Z") {
-      pids.insert(pid);
-    }
-  }
-  return pids;
+Lines operator+(Lines a, const Lines& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
 }
 
 // The stub daemon script, installed under another daemon's name.
 sandbox::RootFile StubDaemon(const std::string& program) {
   std::string script = testing_support::ReadFile(std::string(SANDBOX_STUB_DIR) + "/daemon.sh");
-  const std::string placeholder = "@PROGRAM@";
-  for (size_t at = script.find(placeholder); at != std::string::npos;
-       at = script.find(placeholder, at + program.size())) {
-    script.replace(at, placeholder.size(), program);
+  for (size_t at; (at = script.find("@PROGRAM@")) != std::string::npos;) {
+    script.replace(at, 9, program);
   }
   return {program, script, "", 0755};
 }
+void Daemons(Scenario* s, Lines daemons) {
+  s->files.push_back(StubDaemon(kFtpd));
+  s->daemons = daemons;
+}
+// Every switch on, the SMB and FTP daemons running.
+void AllServices(Scenario* s) {
+  for (const char* key : {"runnetbkp", "runmysql", "runmediaservice", "runweb", "runphoto"}) {
+    sandbox::SetKeyValue(&s->settings, key, "yes");
+  }
+  sandbox::SetKeyValue(&s->default_settings, "supportssh", "yes");
+  s->files.push_back({"/usr/velt/etc/download.conf", "download_enabled=\"yes\"\n", "", 0644});
+  Daemons(s, {kSmbd, kNmbd, kFtpd});
+}
+std::function<void(Scenario*)> Mtu(int speed, const char* stored) {
+  return [=](Scenario* s) {
+    s->eth0_speed = speed;
+    sandbox::SetKeyValue(&s->settings, "MTUValue", stored);
+  };
+}
 
-class ServicesTest : public sandbox_test::SandboxFixture {
+// The stop and start of every service, in order. AppleTalk 0x1, SMB 0x4,
+// FTP 0x8, MySQL 0x10, PostgreSQL 0x20, download 0x40, network backup 0x80,
+// media 0x100, web 0x200, printing 0x800, music 0x1000, indexer 0x2000,
+// scheduler 0x4000, thumbnails 0x8000.
+const Lines kDatabaseStop = Rc({"S99iTunes.sh stop", "S86veltdms.sh stop", "S66veltindexd.sh stop",
+                                "S25download.sh stop", "S20pgsql.sh stop"});
+const Lines kDependentsStart = Rc({"S25download.sh start", "S66veltindexd.sh start",
+                                   "S86veltdms.sh start", "S99iTunes.sh start"});
+const Lines kTailStop =
+    Rc({"S97apache-user.sh stop", "S55lpd.sh stop", "S04crond.sh stop", "S77veltmkthumbd.sh stop"});
+const Lines kTailStart = Rc({"S97apache-user.sh start", "S55lpd.sh start", "S04crond.sh start",
+                             "S77veltmkthumbd.sh start"});
+const Lines kBackupStart = Rc({"S84rsyncd.sh start", "S85veltnetbkpd.sh start"});
+const Lines kStopAll =
+    Rc({"S81atalk.sh stop", std::string(kNmbd) + " [SIGTERM]"}) + kDatabaseStop +
+    Rc({"S21mysql.sh stop", "S84rsyncd.sh stop", "S85veltnetbkpd.sh stop", "S95sshd.sh stop"}) +
+    kTailStop;
+const Lines kStartAll =
+    Rc({"S81atalk.sh start", std::string(kSmbd) + " -D", std::string(kNmbd) + " -D",
+        "S99ftpd.sh start", "S20pgsql.sh start", "S21mysql.sh start"}) +
+    kDependentsStart + kBackupStart + Rc({"S95sshd.sh start"}) + kTailStart;
+
+// Exported system log lines without their time, for `services`.
+std::string Events(const std::string& verb, int level, const Lines& services) {
+  std::string lines;
+  for (const std::string& service : services) {
+    lines +=
+        std::to_string(level) + "\tSystem\t" + service + " service " + verb + "\tadmin\tprobe\n";
+  }
+  return lines;
+}
+const Lines kEnabled = {"FTP", "MySQL", "Media", "Download", "Network backup", "Web", "Photo"};
+constexpr char kEventLog[] = "export enu /tmp/e; cut -f1,2,4- /tmp/e";
+
+// clang-format off
+const sandbox_test::ProbeCase kCases[] = {
+    // Unknown masks and operations fail before any lock.
+    {"StopAllThenStartAllRunEveryServiceInOrder", AllServices,
+     "probe netservice -1 1" + Live("smbd|nmbd|ftpd") + "probe netservice -1 2 control 1 control 2 "
+     "netservice 0 1 netservice -1 5 control 3 events 3 1 " + kEventLog,
+     "netservice -1 1: 64509\nnetservice -1 2: 64509\ncontrol 1: 0\ncontrol 2: 0\n"
+     "netservice 0 1: -1 error D00\nnetservice -1 5: -1 error D00\ncontrol 3: 0\n"
+     "events 3 1: -1\nexport enu /tmp/e: 14\n" +
+         Events("was stopped.", 1, kEnabled) + Events("was started.", 1, kEnabled),
+     kStopAll + kStartAll + kStopAll + kStartAll},
+    // Stop: AppleTalk needs 0 (0x1 clear), MySQL cannot run (0x10 clear),
+    // the scheduler's status 5 is no failure to run. Start: AppleTalk counts
+    // whatever it returns, SMB needs both daemons (0x4 clear), FTP is off
+    // (0x8 clear), the backup daemons need 0 from every script (0x80 clear).
+    {"FailingScriptsClearOnlyTheirOwnBits",
+     [](Scenario* s) {
+       for (const char* key : {"runnetbkp", "runmysql", "runweb", "runphoto"})
+         sandbox::SetKeyValue(&s->settings, key, "yes");
+       sandbox::SetKeyValue(&s->settings, "runftpd", "no");
+       s->files.push_back({"/usr/velt/etc/rc.d/S21mysql.sh", "#!/bin/sh\n", "", 0644});
+       s->files.push_back({kNmbd, "#!/bin/sh\n", "", 0644});
+       s->stub_status = {{"S81atalk.sh.stop", 1}, {"S85veltnetbkpd.sh.start", 3}, {"S04crond.sh", 5}};
+     },
+     "probe netservice -1 1 netservice -1 2 stop start " + std::string(kEventLog),
+     "netservice -1 1: 64492 error 2A00\nnetservice -1 2: 64353 error 2A00\nstop: 0 error 2A00\n"
+     "start: 0 error 2A00\nexport enu /tmp/e: 8\n" +
+         Events("could not be stopped.", 2, {"MySQL"}) +
+         Events("was stopped.", 1, {"Network backup", "Web", "Photo"}) +
+         Events("could not be started.", 2, {"MySQL", "Network backup"}) +
+         Events("was started.", 1, {"Web", "Photo"}),
+     []() {
+       const Lines once = Rc({"S81atalk.sh stop"}) + kDatabaseStop +
+                          Rc({"S84rsyncd.sh stop", "S85veltnetbkpd.sh stop"}) + kTailStop +
+                          Rc({"S81atalk.sh start", std::string(kSmbd) + " -D", "S20pgsql.sh start"}) +
+                          kDependentsStart + kBackupStart + kTailStart;
+       return once + once;
+     }()},
+    // Only "yes" switches on; the stop kills the daemons all the same.
+    {"SwitchesOtherThanYesKeepSambaFtpAndBackupDown",
+     [](Scenario* s) {
+       sandbox::SetKeyValue(&s->settings, "runsamba", "Yes");
+       sandbox::SetKeyValue(&s->settings, "runftpd", "no");
+       Daemons(s, {kSmbd, kFtpd});
+     },
+     "probe netservice 0x114 1" + Live("smbd|ftpd") + "probe netservice 0x114 2",
+     "netservice 0x114 1: 12\nnetservice 0x114 2: 0\n"},
+    // SMB reload: HUP to the pid in /var/run/smbd.pid (recorded when handled,
+    // so the next call waits for it). FTP restart: SIGTERM, then the start
+    // script. Printing restart: stop's 1 is no failure to run. Scheduler
+    // reload: nothing. Media reload: "restart". Web reload: a program that
+    // does not exist. AppleTalk reload: not running. Network backup: off.
+    {"SingleServicesRestartAndReloadByTheirOwnRules",
+     [](Scenario* s) {
+       Daemons(s, {kSmbd, kNmbd, kFtpd});
+       s->stub_status = {{"S55lpd.sh.stop", 1}};
+     },
+     "probe netservice 0x4 4; until grep -q SIGHUP /var/log/stub-calls.log; do usleep 10000; done; "
+     "probe netservice 0x10 3 netservice 0x400 3 netservice 0x8 4 netservice 0x2 4 "
+     "netservice 0x40 4 netservice 0x1 4 netservice 0x100 1",
+     "netservice 0x4 4: 4\nnetservice 0x10 3: 8\nnetservice 0x400 3: 2048\nnetservice 0x8 4: 0\n"
+     "netservice 0x2 4: 256\nnetservice 0x40 4: 0 error 2A00\nnetservice 0x1 4: 0\n"
+     "netservice 0x100 1: 0\n",
+     Rc({std::string(kSmbd) + " [SIGHUP]", std::string(kFtpd) + " [SIGTERM]", "S99ftpd.sh start",
+         "S55lpd.sh stop", "S55lpd.sh start", "S86veltdms.sh restart"})},
+    // Another process holds the settings lock 0x800, part of the service set.
+    {"HeldLockMakesEveryWriterFail", Mtu(0, "9000"),
+     "probe holdlock 0x800 6000 /tmp/held >/dev/null & until [ -e /tmp/held ]; do usleep 10000; "
+     "done; probe control 1 control 2 setkey runftpd no mtu 1500; grep -e ^runftpd -e ^MTU "
+     "/etc/veltinfo.conf",
+     "control 1: -1 error 400\ncontrol 2: -1 error 400\nsetkey runftpd no: -1 error 400\n"
+     "mtu 1500: -1 error 400\nrunftpd=\"yes\"\nMTUValue=\"9000\"\n"},
+    // FTP daemons are started until one has a 9 in its pid: all go.
+    {"KillAllAndTerminateReachEveryProcessOfTheName",
+     [](Scenario* s) { Daemons(s, {kSmbd, kNmbd, kNmbd}); },
+     "until SANDBOX_STUB_QUIET=1 /usr/velt/sbin/ftpd -D && grep -q 9 /var/run/ftpd.pid; do :; done;"
+     " probe terminate nmbd 0 killall ftpd terminate smbd 1 terminate nosuch 0 killall nosuch "
+     "findpids ftpd" + Live("nmbd|ftpd"),
+     "terminate nmbd 0: 2\nkillall ftpd: 0\nterminate smbd 1: 1\nterminate nosuch 0: 0\n"
+     "killall nosuch: 0\nfindpids ftpd: 0\n",
+     {std::string(kNmbd) + " [SIGTERM]", std::string(kNmbd) + " [SIGTERM]"}},
+    // A kill that does nothing: the stop gives up (after five seconds).
+    {"KillAllGivesUpOnAProcessThatSurvives", [](Scenario* s) { Daemons(s, {kFtpd}); },
+     "rm /bin/kill && echo '#!/bin/sh' >/bin/kill && chmod 755 /bin/kill && probe killall ftpd",
+     "killall ftpd: -1\n"},
+    {"MtuOnFastEthernetIsOnlyStored", Mtu(100, "9000"), "probe mtu 1500; grep ^MTU /etc/veltinfo.conf",
+     "mtu 1500: 0\nMTUValue=\"1500\"\n"},
+    {"MtuOnGigabitRunsIfconfigAndStores", Mtu(1000, "1500"),
+     "probe mtu 9000; grep ^MTU /etc/veltinfo.conf", "mtu 9000: 0\nMTUValue=\"9000\"\n",
+     {"/sbin/ifconfig eth0 mtu 9000"}},
+    {"MtuWhoseIfconfigCannotRunFailsButStores", Mtu(1000, "9000"),
+     "chmod 644 /sbin/ifconfig; probe mtu 1500; grep ^MTU /etc/veltinfo.conf",
+     "mtu 1500: -1 error 2A00\nMTUValue=\"1500\"\n"},
+    {"MtuAtAnUnknownSpeedFailsButStores", Mtu(2500, "9000"),
+     "probe mtu 4000; grep ^MTU /etc/veltinfo.conf", "mtu 4000: -1\nMTUValue=\"4000\"\n"},
+    {"MtuWithoutEthernetFailsButStores", Mtu(0, "9000"),
+     "probe mtu 1500; grep ^MTU /etc/veltinfo.conf", "mtu 1500: -1 error A00\nMTUValue=\"1500\"\n"},
+    // Existing keys rewritten in place as KEY="value" (comments kept, later
+    // duplicates dropped), new keys appended.
+    {"SetKeyValueWritesQuotedLines",
+     [](Scenario* s) {
+       s->files.push_back({"/etc/veltinfo.conf",
+                           "runftpd=\"yes\"\n# runftpd=\"x\"\nMTUValue = 1500\nrunftpd=\"dup\"\n",
+                           "", 0644});
+     },
+     "probe setkey runftpd no setkey MTUValue 9000 setkey newkey 'a b' setkey empty ''; "
+     "cat /etc/veltinfo.conf",
+     "setkey runftpd no: 0\nsetkey MTUValue 9000: 0\nsetkey newkey a b: 0\nsetkey empty : 0\n"
+     "runftpd=\"no\"\n# runftpd=\"x\"\nMTUValue=\"9000\"\nnewkey=\"a b\"\nempty=\"\"\n"},
+};
+// clang-format on
+
+class ServicesTest : public sandbox_test::ProbeTest {
  protected:
-  ServicesTest() : SandboxFixture("services-test") {}
-
-  // A sandbox with the probe at /sdk_probe; null after a recorded failure.
-  Sandbox* Build(Scenario scenario) {
-    scenario.files.push_back({kProbe, "", SDK_PROBE, 0});
-    return SandboxFixture::Build(scenario);
-  }
-
-  RunResult Shell(const std::string& script) {
-    sandbox::RunOptions options;
-    options.timeout_seconds = 60;
-    return box_->Run({"/bin/sh", "-c", script}, options);
-  }
-
-  // Shell, and how many whole seconds the run took.
-  RunResult TimedShell(const std::string& script, long* seconds) {
-    const auto begin = std::chrono::steady_clock::now();
-    RunResult result = Shell(script);
-    *seconds = static_cast<long>(
-        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - begin)
-            .count());
-    return result;
-  }
-
-  // Replaces the busybox link /sbin/ifconfig by a script that records its
-  // call like a stub and then does the work. (A scenario file would be
-  // written through the link into busybox itself.)
-  bool InstallRecordingIfconfig() {
-    const std::string path = box_->RootPath("/sbin/ifconfig");
-    if (unlink(path.c_str()) != 0) return false;
-    testing_support::WriteFile(path,
-                               "#!/bin/sh\necho \"/sbin/ifconfig $*\" >>/var/log/stub-calls.log\n"
-                               "exec /bin/busybox ifconfig \"$@\"\n");
-    return chmod(path.c_str(), 0755) == 0;
-  }
+  ServicesTest() : ProbeTest(MODULE_PROBE, FAST_SLEEP_LIB, /*check_errors=*/false) {}
 };
 
-// Every switch on, the SMB and FTP daemons running.
-Scenario AllServicesScenario() {
-  Scenario scenario;
-  for (const char* key : {"runnetbkp", "runmysql", "runmediaservice", "runweb", "runphoto"}) {
-    sandbox::SetKeyValue(&scenario.settings, key, "yes");
-  }
-  sandbox::SetKeyValue(&scenario.default_settings, "supportssh", "yes");
-  scenario.files.push_back({"/usr/velt/etc/download.conf", "download_enabled=\"yes\"\n", "", 0644});
-  scenario.files.push_back(StubDaemon(kFtpd));
-  scenario.daemons = {kSmbd, kNmbd, kFtpd};
-  return scenario;
-}
+TEST_P(ServicesTest, Run) { RunCase(); }
 
-// ------------------------------------------------------------ stop and start
-
-TEST_F(ServicesTest, StopAllThenStartAllRunEveryServiceInOrder) {
-  ASSERT_NE(Build(AllServicesScenario()), nullptr);
-
-  const RunResult result = Shell(std::string(kProbe) + " netservice -1 1; " + kProcessList + "; " +
-                                 kProbe + " netservice -1 2");
-
-  ASSERT_EQ(result.status, 0) << Describe(result);
-  // AppleTalk 0x1, SMB 0x4, FTP 0x8, MySQL 0x10, PostgreSQL 0x20, download
-  // 0x40, network backup 0x80, media 0x100, web 0x200, printing 0x800, music
-  // 0x1000, indexer 0x2000, scheduler 0x4000, thumbnails 0x8000.
-  EXPECT_EQ(ProbeResults(result), (Lines{"netservice -1 1: result 64509 error 0",
-                                         "netservice -1 2: result 64509 error 0"}));
-  const Lines stop = Concat(
-      {RcCalls({"S81atalk.sh stop"}),
-       {std::string(kNmbd) + " [SIGTERM]"},
-       RcCalls({"S99iTunes.sh stop", "S86veltdms.sh stop", "S66veltindexd.sh stop",
-                "S25download.sh stop", "S20pgsql.sh stop", "S21mysql.sh stop", "S84rsyncd.sh stop",
-                "S85veltnetbkpd.sh stop", "S95sshd.sh stop", "S97apache-user.sh stop",
-                "S55lpd.sh stop", "S04crond.sh stop", "S77veltmkthumbd.sh stop"})});
-  const Lines start =
-      Concat({RcCalls({"S81atalk.sh start"}),
-              {std::string(kSmbd) + " -D", std::string(kNmbd) + " -D"},
-              RcCalls({"S99ftpd.sh start", "S20pgsql.sh start", "S21mysql.sh start",
-                       "S25download.sh start", "S66veltindexd.sh start", "S86veltdms.sh start",
-                       "S99iTunes.sh start", "S84rsyncd.sh start", "S85veltnetbkpd.sh start",
-                       "S95sshd.sh start", "S97apache-user.sh start", "S55lpd.sh start",
-                       "S04crond.sh start", "S77veltmkthumbd.sh start"})});
-  EXPECT_EQ(result.stub_calls, Concat({stop, start})) << Describe(result);
-  // Between the stop and the start no daemon was left.
-  for (const char* name : {"smbd", "nmbd", "ftpd"}) {
-    EXPECT_EQ(LiveProcesses(result.out, name), std::set<int>()) << name;
-  }
-  EXPECT_EQ(ProbeMessages(result), Lines());
-}
-
-TEST_F(ServicesTest, BadArgumentsFailBeforeAnyLockAndOtherOpsDoNothing) {
-  ASSERT_NE(Build(AllServicesScenario()), nullptr);
-
-  const RunResult result = Shell(std::string(kProbe) +
-                                 " netservice 0 1 netservice -1 5 control 3 control 4"
-                                 " events 3 64509 events 0 64509");
-
-  ASSERT_EQ(result.status, 0) << Describe(result);
-  EXPECT_EQ(ProbeResults(result),
-            (Lines{"netservice 0 1: result -1 error D00", "netservice -1 5: result -1 error D00",
-                   "control 3: result 0 error 0", "control 4: result 0 error 0",
-                   "events 3 64509: result -1 error 0", "events 0 64509: result -1 error 0"}));
-  EXPECT_EQ(ProbeMessages(result), (Lines{"user.err VELTNetService(N):  bad parameter",
-                                          "user.err VELTNetService(N):  bad parameter"}));
-  EXPECT_EQ(result.stub_calls, Lines());
-  EXPECT_FALSE(testing_support::FileExists(box_->RootPath("/tmp/lock")));
-  EXPECT_FALSE(testing_support::FileExists(box_->RootPath("/var/log/veltsys.log")));
-}
-
-TEST_F(ServicesTest, ControlRecordsOneEventPerEnabledService) {
-  ASSERT_NE(Build(AllServicesScenario()), nullptr);
-
-  const RunResult result =
-      Shell(std::string(kProbe) + " control 1 control 2 export enu /tmp/events.txt");
-
-  ASSERT_EQ(result.status, 0) << Describe(result);
-  EXPECT_EQ(ProbeResults(result),
-            (Lines{"control 1: result 0 error 0", "control 2: result 0 error 0",
-                   "export enu /tmp/events.txt: result 14 error 0"}));
-  const Lines texts = {
-      "FTP service was {}.",      "MySQL service was {}.",          "Media service was {}.",
-      "Download service was {}.", "Network backup service was {}.", "Web service was {}.",
-      "Photo service was {}."};
-  Lines expected;
-  for (const char* verb : {"stopped", "started"}) {
-    for (std::string text : texts) {
-      text.replace(text.find("{}"), 2, verb);
-      expected.push_back("1\tSystem\t" + text + "\tadmin\tsdk_probe");
-    }
-  }
-  EXPECT_EQ(ExportedEvents(RootFile("/tmp/events.txt")), expected);
-}
-
-TEST_F(ServicesTest, FailingScriptsClearOnlyTheirOwnBits) {
-  Scenario scenario;
-  for (const char* key : {"runnetbkp", "runmysql", "runweb", "runphoto"}) {
-    sandbox::SetKeyValue(&scenario.settings, key, "yes");
-  }
-  sandbox::SetKeyValue(&scenario.settings, "runftpd", "no");
-  // Not executable: the script cannot be run at all.
-  scenario.files.push_back({Rc("S21mysql.sh"), "#!/bin/sh\nexit 0\n", "", 0644});
-  scenario.stub_status = {
-      {"S81atalk.sh.stop", 1}, {"S85veltnetbkpd.sh.start", 3}, {"S04crond.sh", 5}};
-  ASSERT_NE(Build(scenario), nullptr);
-
-  const RunResult masks = Shell(std::string(kProbe) + " netservice -1 1 netservice -1 2");
-  const RunResult events = Shell(std::string(kProbe) + " stop start export enu /tmp/events.txt");
-
-  ASSERT_EQ(masks.status, 0) << Describe(masks);
-  // Stop: AppleTalk needs 0 (0x1 clear), MySQL could not run (0x10 clear);
-  // the scheduler's status 5 is not a failure to run. Start: AppleTalk counts
-  // whatever it returns, FTP is switched off (0x8 clear), the backup daemons
-  // need 0 from every script (0x80 clear).
-  // The script that could not be run leaves its error code behind.
-  EXPECT_EQ(ProbeResults(masks), (Lines{"netservice -1 1: result 64492 error 2A00",
-                                        "netservice -1 2: result 64357 error 2A00"}));
-  const Lines stop = RcCalls(
-      {"S81atalk.sh stop", "S99iTunes.sh stop", "S86veltdms.sh stop", "S66veltindexd.sh stop",
-       "S25download.sh stop", "S20pgsql.sh stop", "S84rsyncd.sh stop", "S85veltnetbkpd.sh stop",
-       "S97apache-user.sh stop", "S55lpd.sh stop", "S04crond.sh stop", "S77veltmkthumbd.sh stop"});
-  const Lines start =
-      Concat({RcCalls({"S81atalk.sh start"}),
-              {std::string(kSmbd) + " -D", std::string(kNmbd) + " -D"},
-              RcCalls({"S20pgsql.sh start", "S25download.sh start", "S66veltindexd.sh start",
-                       "S86veltdms.sh start", "S99iTunes.sh start", "S84rsyncd.sh start",
-                       "S85veltnetbkpd.sh start", "S97apache-user.sh start", "S55lpd.sh start",
-                       "S04crond.sh start", "S77veltmkthumbd.sh start"})});
-  EXPECT_EQ(masks.stub_calls, Concat({stop, start})) << Describe(masks);
-
-  ASSERT_EQ(events.status, 0) << Describe(events);
-  EXPECT_EQ(ProbeResults(events), (Lines{"stop: result 0 error 2A00", "start: result 0 error 2A00",
-                                         "export enu /tmp/events.txt: result 8 error 0"}));
-  // Only the switched-on services, in their order: MySQL, network backup,
-  // web, photo; failures at level 2.
-  const std::string tail = "\tadmin\tsdk_probe";
-  EXPECT_EQ(ExportedEvents(RootFile("/tmp/events.txt")),
-            (Lines{"2\tSystem\tMySQL service could not be stopped." + tail,
-                   "1\tSystem\tNetwork backup service was stopped." + tail,
-                   "1\tSystem\tWeb service was stopped." + tail,
-                   "1\tSystem\tPhoto service was stopped." + tail,
-                   "2\tSystem\tMySQL service could not be started." + tail,
-                   "2\tSystem\tNetwork backup service could not be started." + tail,
-                   "1\tSystem\tWeb service was started." + tail,
-                   "1\tSystem\tPhoto service was started." + tail}));
-}
-
-TEST_F(ServicesTest, SwitchesOtherThanYesKeepSambaFtpAndBackupDownButStopStillKills) {
-  Scenario scenario;
-  sandbox::SetKeyValue(&scenario.settings, "runsamba", "Yes");
-  sandbox::SetKeyValue(&scenario.settings, "runftpd", "no");
-  sandbox::SetKeyValue(&scenario.settings, "runnetbkp", "no");
-  scenario.files.push_back(StubDaemon(kFtpd));
-  scenario.daemons = {kSmbd, kFtpd};
-  ASSERT_NE(Build(scenario), nullptr);
-
-  const RunResult result = Shell(std::string(kProbe) + " netservice -1 1; " + kProcessList + "; " +
-                                 kProbe + " netservice -1 2");
-
-  ASSERT_EQ(result.status, 0) << Describe(result);
-  // Stop: SMB 0x4 and FTP 0x8 set (the daemons were killed), no backup
-  // 0x80. Start: none of the three.
-  EXPECT_EQ(ProbeResults(result), (Lines{"netservice -1 1: result 64381 error 0",
-                                         "netservice -1 2: result 64369 error 0"}));
-  EXPECT_EQ(LiveProcesses(result.out, "smbd"), std::set<int>());
-  EXPECT_EQ(LiveProcesses(result.out, "ftpd"), std::set<int>());
-  const Lines database_stop = {"S99iTunes.sh stop",   "S86veltdms.sh stop", "S66veltindexd.sh stop",
-                               "S25download.sh stop", "S20pgsql.sh stop",   "S21mysql.sh stop"};
-  const Lines database_start = {"S20pgsql.sh start",    "S21mysql.sh start",
-                                "S25download.sh start", "S66veltindexd.sh start",
-                                "S86veltdms.sh start",  "S99iTunes.sh start"};
-  EXPECT_EQ(result.stub_calls,
-            Concat({RcCalls({"S81atalk.sh stop"}), RcCalls(database_stop),
-                    RcCalls({"S97apache-user.sh stop", "S55lpd.sh stop", "S04crond.sh stop",
-                             "S77veltmkthumbd.sh stop", "S81atalk.sh start"}),
-                    RcCalls(database_start),
-                    RcCalls({"S97apache-user.sh start", "S55lpd.sh start", "S04crond.sh start",
-                             "S77veltmkthumbd.sh start"})}))
-      << Describe(result);
-}
-
-TEST_F(ServicesTest, SingleServicesRestartAndReloadByTheirOwnRules) {
-  Scenario scenario;
-  scenario.files.push_back(StubDaemon(kFtpd));
-  scenario.daemons = {kSmbd, kNmbd, kFtpd};
-  scenario.stub_status = {{"S55lpd.sh.stop", 1}};
-  ASSERT_NE(Build(scenario), nullptr);
-
-  // 0x4 SMB, 0x10 FTP, 0x400 printing, 0x8 scheduler, 0x2 media, 0x40 web.
-  // smbd records the SIGHUP when it handles it: the next call waits for that.
-  const RunResult result = Shell(std::string(kProbe) +
-                                 " netservice 0x4 4; n=0; "
-                                 "while ! grep -q 'smbd \\[SIGHUP\\]' /var/log/stub-calls.log && "
-                                 "[ $n -lt 300 ]; do usleep 10000; n=$((n + 1)); done; " +
-                                 kProbe +
-                                 " netservice 0x10 3 netservice 0x400 3"
-                                 " netservice 0x8 4 netservice 0x2 4 netservice 0x40 4"
-                                 " netservice 0x1 4 netservice 0x100 1");
-
-  ASSERT_EQ(result.status, 0) << Describe(result);
-  // SMB reload: HUP to the pid in /var/run/smbd.pid. FTP restart: SIGTERM,
-  // then the start script. Printing restart: stop returned 1 (not a failure
-  // to run), then start. Scheduler reload: nothing. Media reload: "restart".
-  // Web reload: a program that does not exist. AppleTalk reload: the server
-  // is not running. Network backup: switched off.
-  EXPECT_EQ(ProbeResults(result),
-            (Lines{"netservice 0x4 4: result 4 error 0", "netservice 0x10 3: result 8 error 0",
-                   "netservice 0x400 3: result 2048 error 0", "netservice 0x8 4: result 0 error 0",
-                   "netservice 0x2 4: result 256 error 0", "netservice 0x40 4: result 0 error 2A00",
-                   "netservice 0x1 4: result 0 error 0", "netservice 0x100 1: result 0 error 0"}));
-  EXPECT_EQ(result.stub_calls,
-            (Lines{std::string(kSmbd) + " [SIGHUP]", std::string(kFtpd) + " [SIGTERM]",
-                   Rc("S99ftpd.sh start"), Rc("S55lpd.sh stop"), Rc("S55lpd.sh start"),
-                   Rc("S86veltdms.sh restart")}))
-      << Describe(result);
-}
-
-TEST_F(ServicesTest, HeldLocksMakeEveryWriterFailWithoutTouchingAnything) {
-  Scenario scenario;
-  sandbox::SetKeyValue(&scenario.settings, "MTUValue", "9000");
-  ASSERT_NE(Build(scenario), nullptr);
-  const std::string settings = RootFile("/etc/veltinfo.conf");
-
-  // Another process holds the settings lock 0x800, part of the service set.
-  const RunResult result =
-      Shell(std::string(kProbe) + " holdlock 0x800 60 /tmp/held >/dev/null & " +
-            "while [ ! -e /tmp/held ]; do usleep 10000; done; " + kProbe +
-            " control 1 control 2 setkey runftpd no mtu 1500");
-
-  ASSERT_EQ(result.status, 0) << Describe(result);
-  EXPECT_EQ(ProbeResults(result),
-            (Lines{"control 1: result -1 error 400", "control 2: result -1 error 400",
-                   "setkey runftpd no: result -1 error 400", "mtu 1500: result -1 error 400"}));
-  const Lines syslog = ProbeMessages(result);
-  ASSERT_EQ(syslog.size(), 8u) << Describe(result);
-  EXPECT_EQ(syslog[0], "user.err VELTNetService(N): lock failed");
-  EXPECT_EQ(syslog[1], "user.err ErrNetServiceStop(N): VELTNetService return -1");
-  // Both operations say "stop"; the errno text depends on the last failure.
-  EXPECT_EQ(syslog[2].rfind("user.err sdk/veltservice(N)Failed to stop net  "
-                            "error=1024 ,strerr=",
-                            0),
-            0u)
-      << syslog[2];
-  EXPECT_EQ(syslog[3], "user.err VELTNetService(N): lock failed");
-  EXPECT_EQ(syslog[4], "user.err ErrNetServiceStart(N): VELTNetService return -1");
-  EXPECT_EQ(syslog[5].rfind("user.err sdk/veltservice(N)Failed to stop net  "
-                            "error=1024 ,strerr=",
-                            0),
-            0u)
-      << syslog[5];
-  EXPECT_EQ(syslog[6], "user.err VELTNetSetMTUValue(N): Can not get EthInfo(A00).");
-  EXPECT_EQ(syslog[7], "user.err sdk/veltnet1 (N) Failed to lock veltinfo(400)");
-  EXPECT_EQ(result.stub_calls, Lines());
-  EXPECT_EQ(RootFile("/etc/veltinfo.conf"), settings);
-  EXPECT_FALSE(testing_support::FileExists(box_->RootPath("/var/log/veltsys.log")));
-}
-
-// ------------------------------------------------------------ processes
-
-TEST_F(ServicesTest, KillAllAndTerminateReachEveryProcessOfTheName) {
-  Scenario scenario;
-  scenario.files.push_back(StubDaemon(kFtpd));
-  scenario.daemons = {kSmbd, kNmbd, kNmbd, kFtpd, kFtpd};
-  ASSERT_NE(Build(scenario), nullptr);
-
-  const RunResult result =
-      Shell(std::string(kProcessList) + "; " + kProbe +
-            " findpids ftpd terminate nmbd 0 killall ftpd terminate smbd 1 terminate nosuch 0"
-            " killall nosuch findpids ftpd; " +
-            kWaitUntilGone + " smbd; echo after; " + kProcessList);
-
-  ASSERT_EQ(result.status, 0) << Describe(result);
-  const std::string before = result.out.substr(0, result.out.find("after\n"));
-  const std::string after = result.out.substr(result.out.find("after\n"));
-  const std::set<int> ftpd = LiveProcesses(before, "ftpd");
-  ASSERT_EQ(ftpd.size(), 2u) << result.out;
-  std::string listed = "pids 2";
-  for (int pid : ftpd) listed += " " + std::to_string(pid);
-  const Lines out = SplitLines(result.out);
-  EXPECT_NE(std::find(out.begin(), out.end(), listed), out.end()) << result.out;
-  EXPECT_EQ(ProbeResults(result),
-            (Lines{"findpids ftpd: result 2 error 0", "terminate nmbd 0: result 2 error 0",
-                   "killall ftpd: result 0 error 0", "terminate smbd 1: result 1 error 0",
-                   "terminate nosuch 0: result 0 error 0", "killall nosuch: result 0 error 0",
-                   "findpids ftpd: result 0 error 0"}));
-  // SIGTERM is recorded by each nmbd; SIGKILL cannot be.
-  EXPECT_EQ(result.stub_calls,
-            (Lines{std::string(kNmbd) + " [SIGTERM]", std::string(kNmbd) + " [SIGTERM]"}));
-  for (const char* name : {"smbd", "nmbd", "ftpd"}) {
-    EXPECT_EQ(LiveProcesses(after, name), std::set<int>()) << name;
-  }
-}
-
-TEST_F(ServicesTest, KillAllGivesUpAfterFiveSecondsOnAProcessThatSurvives) {
-  Scenario scenario;
-  scenario.files.push_back(StubDaemon(kFtpd));
-  scenario.daemons = {kFtpd};
-  ASSERT_NE(Build(scenario), nullptr);
-  // A kill that does nothing: the daemon outlives every pass.
-  const std::string kill = box_->RootPath("/bin/kill");
-  ASSERT_EQ(unlink(kill.c_str()), 0);
-  testing_support::WriteFile(kill, "#!/bin/sh\nexit 0\n");
-  ASSERT_EQ(chmod(kill.c_str(), 0755), 0);
-
-  long seconds = 0;
-  const RunResult result = TimedShell(std::string(kProbe) + " killall ftpd", &seconds);
-
-  EXPECT_EQ(ProbeResults(result), Lines{"killall ftpd: result -1 error 0"}) << Describe(result);
-  EXPECT_GE(seconds, 5);
-  EXPECT_LT(seconds, 20);
-}
-
-// ------------------------------------------------------------ MTU and settings
-
-TEST_F(ServicesTest, MtuOnFastEthernetIsOnlyStored) {
-  Scenario scenario;
-  scenario.eth0_speed = 100;
-  sandbox::SetKeyValue(&scenario.settings, "MTUValue", "9000");
-  ASSERT_NE(Build(scenario), nullptr);
-  ASSERT_TRUE(InstallRecordingIfconfig());
-  std::string expected = RootFile("/etc/veltinfo.conf");
-  ASSERT_NE(expected.find("\nMTUValue=\"9000\"\n"), std::string::npos) << expected;
-  expected.replace(expected.find("MTUValue=\"9000\""), 15, "MTUValue=\"1500\"");
-
-  long seconds = 0;
-  const RunResult result = TimedShell(
-      std::string(kProbe) + " mtu 1500; /bin/busybox ifconfig eth0 | grep -o 'MTU:[0-9]*'",
-      &seconds);
-
-  ASSERT_EQ(result.status, 0) << Describe(result);
-  EXPECT_EQ(result.out, "mtu 1500: result 0 error 0\nMTU:1500\n");
-  EXPECT_EQ(result.stub_calls, Lines());
-  EXPECT_EQ(ProbeMessages(result), Lines());
-  EXPECT_EQ(RootFile("/etc/veltinfo.conf"), expected);
-  EXPECT_LT(seconds, 4);
-}
-
-TEST_F(ServicesTest, MtuOnGigabitRunsIfconfigAndStores) {
-  Scenario scenario;
-  scenario.eth0_speed = 1000;
-  ASSERT_NE(Build(scenario), nullptr);
-  ASSERT_TRUE(InstallRecordingIfconfig());
-  std::string expected = RootFile("/etc/veltinfo.conf");
-  expected.replace(expected.find("MTUValue=\"1500\""), 15, "MTUValue=\"9000\"");
-
-  long seconds = 0;
-  const RunResult result = TimedShell(
-      std::string(kProbe) + " mtu 9000; /bin/busybox ifconfig eth0 | grep -o 'MTU:[0-9]*'",
-      &seconds);
-
-  ASSERT_EQ(result.status, 0) << Describe(result);
-  EXPECT_EQ(result.out, "mtu 9000: result 0 error 0\nMTU:9000\n");
-  EXPECT_EQ(result.stub_calls, Lines{"/sbin/ifconfig eth0 mtu 9000"});
-  EXPECT_EQ(RootFile("/etc/veltinfo.conf"), expected);
-  EXPECT_GE(seconds, 5);
-
-  // An ifconfig that cannot be run: logged, -1, the value still stored.
-  ASSERT_EQ(0, chmod(box_->RootPath("/sbin/ifconfig").c_str(), 0644));
-  const RunResult failed = Shell(std::string(kProbe) + " mtu 1500");
-  EXPECT_EQ(failed.out, "mtu 1500: result -1 error 2A00\n") << Describe(failed);
-  EXPECT_EQ(ProbeMessages(failed),
-            (Lines{"user.err sdk/veltnet1 (N) Failed to ifconfig MTU Value",
-                   "user.err sdk/veltnet1 (N) Failed to ifconfig MTU Value(2A00)"}));
-  expected.replace(expected.find("MTUValue=\"9000\""), 15, "MTUValue=\"1500\"");
-  EXPECT_EQ(RootFile("/etc/veltinfo.conf"), expected);
-}
-
-TEST_F(ServicesTest, MtuWithoutEthernetFactsFailsButStores) {
-  Scenario scenario;
-  scenario.eth0_speed = 2500;  // a speed the call does not know
-  sandbox::SetKeyValue(&scenario.settings, "MTUValue", "9000");
-  ASSERT_NE(Build(scenario), nullptr);
-  ASSERT_TRUE(InstallRecordingIfconfig());
-  std::string expected = RootFile("/etc/veltinfo.conf");
-  expected.replace(expected.find("MTUValue=\"9000\""), 15, "MTUValue=\"4000\"");
-
-  const RunResult unknown = Shell(std::string(kProbe) + " mtu 4000");
-
-  EXPECT_EQ(unknown.out, "mtu 4000: result -1 error 0\n") << Describe(unknown);
-  EXPECT_EQ(ProbeMessages(unknown), Lines{"user.err VELTNetSetMTUValue(N): Speed is Unknown(0)."});
-  EXPECT_EQ(unknown.stub_calls, Lines());
-  EXPECT_EQ(RootFile("/etc/veltinfo.conf"), expected);
-
-  // Without eth0 at all.
-  Scenario without = scenario;
-  without.eth0_speed = 0;
-  std::string error;
-  ASSERT_TRUE(box_->Destroy(false, &error)) << error;
-  box_.reset();
-  ASSERT_NE(Build(without), nullptr);
-  ASSERT_TRUE(InstallRecordingIfconfig());
-  expected = RootFile("/etc/veltinfo.conf");
-  expected.replace(expected.find("MTUValue=\"9000\""), 15, "MTUValue=\"1500\"");
-
-  const RunResult missing = Shell(std::string(kProbe) + " mtu 1500");
-
-  EXPECT_EQ(missing.out, "mtu 1500: result -1 error A00\n") << Describe(missing);
-  EXPECT_EQ(ProbeMessages(missing),
-            Lines{"user.err VELTNetSetMTUValue(N): Can not get EthInfo(A00)."});
-  EXPECT_EQ(missing.stub_calls, Lines());
-  EXPECT_EQ(RootFile("/etc/veltinfo.conf"), expected);
-}
-
-TEST_F(ServicesTest, SetKeyValueWritesQuotedLinesForNewAndExistingKeys) {
-  Scenario scenario;
-  scenario.files.push_back({"/etc/veltinfo.conf",
-                            "unique=\"veltara_powerpc_1hd\"\n"
-                            "runftpd=\"yes\"\n"
-                            "# runftpd=\"comment\"\n"
-                            "MTUValue = 1500\n"
-                            "runftpd=\"duplicate\"\n",
-                            "", 0644});
-  ASSERT_NE(Build(scenario), nullptr);
-
-  const RunResult result = Shell(std::string(kProbe) +
-                                 " setkey runftpd no setkey MTUValue 9000 setkey newkey 'a b'"
-                                 " setkey empty ''");
-
-  ASSERT_EQ(result.status, 0) << Describe(result);
-  EXPECT_EQ(ProbeResults(result),
-            (Lines{"setkey runftpd no: result 0 error 0", "setkey MTUValue 9000: result 0 error 0",
-                   "setkey newkey a b: result 0 error 0", "setkey empty : result 0 error 0"}));
-  EXPECT_EQ(RootFile("/etc/veltinfo.conf"),
-            "unique=\"veltara_powerpc_1hd\"\n"
-            "runftpd=\"no\"\n"
-            "# runftpd=\"comment\"\n"
-            "MTUValue=\"9000\"\n"
-            "newkey=\"a b\"\n"
-            "empty=\"\"\n");
-  EXPECT_TRUE(testing_support::FileExists(box_->RootPath("/tmp/lock/lock_veltinfo")));
-  EXPECT_EQ(ProbeMessages(result), Lines());
-}
+INSTANTIATE_TEST_SUITE_P(Cases, ServicesTest, ::testing::ValuesIn(kCases),
+                         [](const ::testing::TestParamInfo<sandbox_test::ProbeCase>& info) {
+                           return std::string(info.param.name);
+                         });
 
 }  // namespace
