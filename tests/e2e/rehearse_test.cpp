@@ -77,8 +77,8 @@ TEST_F(RehearseTest, PackageByPathOnImportedBoard) {
 
   ASSERT_EQ(Rehearse({"--package", w_ + "/package", "--flash", w_ + "/board"}), 0) << output_;
 
-  for (const std::string& line :
-       Lines{"result: 0 (upgrade_success)", "package: " + w_ + "/package", "flash: " + w_ + "/board"}) {
+  for (const std::string& line : Lines{"result: 0 (upgrade_success)", "package: " + w_ + "/package",
+                                       "flash: " + w_ + "/board"}) {
     EXPECT_NE(output_.find("\n" + line + "\n"), std::string::npos) << line << "\n" << output_;
   }
   ASSERT_TRUE(flashsim::LoadState(w_ + "/sandbox/flash", &chip, &error)) << error;
