@@ -44,6 +44,15 @@ enum class Services { kNone, kStopped, kStoppedThenStarted, kAny };
 // group update's failed write stays).
 enum class Chip { kUntouched, kRestored, kUpdated, kDirectoryErased, kChanged };
 enum class Archive { kStays, kMoved, kOnVolumeZ };
+struct After {
+  Services services;
+  Archive archive;
+  Chip chip;
+};
+const After kUpdated = {Services::kStopped, Archive::kMoved, Chip::kUpdated};
+const After kUpdatedAnyServices = {Services::kAny, Archive::kMoved, Chip::kUpdated};
+const After kRolledBack = {Services::kStoppedThenStarted, Archive::kStays, Chip::kUntouched};
+const After kNothingDone = {Services::kNone, Archive::kStays, Chip::kUntouched};
 using Setup = std::function<void(Scenario*)>;
 
 struct Case {
@@ -54,9 +63,7 @@ struct Case {
   int code;
   std::string progress;
   Lines log;
-  Services services;
-  Archive archive;
-  Chip chip;
+  After after;
   Lines shows = {};  // stub calls and updater syslog lines (line numbers as N) of the run
   std::function<void(const sandbox::RunResult&, sandbox::Sandbox*)> check = nullptr;
 };
@@ -125,71 +132,64 @@ std::vector<Case> Cases() {
   const Lines failed20 = {kStart, Upgrade(), Failed(20)};
   const std::string long_path = "/volume1/pkg/" + std::string(250, 'a') + "/updater";
   return {
-      {"Nor8Rebalances", "nor8", nullptr, "", 0, "R:0:", ok, Services::kStopped, Archive::kMoved,
-       Chip::kUpdated},
-      {"Junior6InPlace", "junior6", nullptr, "", 0, "R:0:", ok, Services::kStopped,
-       Archive::kMoved, Chip::kUpdated},
-      {"MSysRepartitions", "msys", nullptr, "", 0, "R:0:", ok, Services::kStopped, Archive::kMoved,
-       Chip::kUpdated},
+      {"Nor8Rebalances", "nor8", nullptr, "", 0, "R:0:", ok, kUpdated},
+      {"Junior6InPlace", "junior6", nullptr, "", 0, "R:0:", ok, kUpdated},
+      {"MSysRepartitions", "msys", nullptr, "", 0, "R:0:", ok, kUpdated},
       // The archive moves all the same.
       {"MSysFailedWriteRollsBackWith20", "msys", Faults({"fault write mtd5 nth=1 errno=EIO"}), "",
-       20, "P:-20:", failed20, Services::kStoppedThenStarted, Archive::kMoved, Chip::kRestored},
-      {"OtherModelIsRefusedWith12", "nor8", [](Scenario* s) { PackageUnique(s, "orvan_powerpc_1hd"); },
-       "", 12, "A:-12:", {kStart, Failed(12)}, Services::kNone, Archive::kStays, Chip::kUntouched,
+       20, "P:-20:", failed20, {Services::kStoppedThenStarted, Archive::kMoved, Chip::kRestored}},
+      {"OtherModelIsRefusedWith12", "nor8",
+       [](Scenario* s) { PackageUnique(s, "orvan_powerpc_1hd"); }, "", 12, "A:-12:", {kStart,
+       Failed(12)}, kNothingDone,
        {"user.err main(N): fail to analyze, error = 12"}},
       {"VolumeWithSemicolonIsRefused", "nor8", nullptr, "exec $U -v '/volume1;touch /tmp/owned'",
-       255, "A:0:", {kStart}, Services::kNone, Archive::kStays, Chip::kUntouched},
+       255, "A:0:", {kStart}, kNothingDone},
       // A volume cut to fit would name another directory.
-      {"VolumeOver31CharactersIsRefused", "nor8", nullptr, "exec $U -v /volume1/vvvvvvvvvvvvvvvvvvvvvvv",
-       255, "A:0:", {kStart}, Services::kNone, Archive::kStays, Chip::kUntouched,
+      {"VolumeOver31CharactersIsRefused", "nor8", nullptr,
+       "exec $U -v /volume1/vvvvvvvvvvvvvvvvvvvvvvv", 255, "A:0:", {kStart}, kNothingDone,
        {"user.err updater: invalid option for -v [mount_point]"}},
-      {"HelpExitsWith0", "nor8", nullptr, "exec $U -h", 0, "A:0:", {kStart}, Services::kNone,
-       Archive::kStays, Chip::kUntouched},
+      {"HelpExitsWith0", "nor8", nullptr, "exec $U -h", 0, "A:0:", {kStart}, kNothingDone},
       {"OtherVolumeReceivesTheArchive", "nor8", [](Scenario* s) { Set(s, "/volumez/keep", "x"); },
-       "exec $U -v /volumez", 0, "R:0:", ok, Services::kStopped, Archive::kOnVolumeZ, Chip::kUpdated},
+       "exec $U -v /volumez", 0, "R:0:", ok,
+       {Services::kStopped, Archive::kOnVolumeZ, Chip::kUpdated}},
       // Started by its bare name: the volume's package directory is the
       // working directory.
       {"BareNameWorksInTheVolumesPackageDirectory", "nor8", nullptr,
-       "cd /tmp && PATH=/volume1/upd@te:$PATH exec updater", 0, "R:0:", ok, Services::kStopped,
-       Archive::kMoved, Chip::kUpdated},
+       "cd /tmp && PATH=/volume1/upd@te:$PATH exec updater", 0, "R:0:", ok, kUpdated},
       // Cut to 255 characters at its last '/', the program path would name
       // another directory.
       {"ProgramPathOver255CharactersEndsWith3", "nor8",
        [=](Scenario* s) { s->files.push_back({long_path, "", UPDATER_SIM, 0755}); }, long_path, 3,
-       "A:-3:", {kStart, Failed(3)}, Services::kNone, Archive::kStays, Chip::kUntouched,
+       "A:-3:", {kStart, Failed(3)}, kNothingDone,
        {"user.err main(N): refuse program path of 271 characters: at most 255 fit"}},
       {"FailedVerifyRollsBackWith20", "nor8", Faults(kWornKernelBlock), "", 20, "P:-20:", failed20,
-       Services::kStoppedThenStarted, Archive::kStays, Chip::kUntouched},
+       kRolledBack},
       // Every directory entry fails: the roll-back goes on and brings back
       // the whole chip.
       {"RollBackGoesOnPastFailures", "nor8", Faults({"fault set-fis mtd7 every errno=EIO"}), "", 20,
-       "P:-20:", failed20, Services::kStoppedThenStarted, Archive::kStays, Chip::kUntouched,
-       {"user.err main: UPDTRollBack() fail"}},
+       "P:-20:", failed20, kRolledBack, {"user.err main: UPDTRollBack() fail"}},
       // A group update neither analyses, stops services, backs up nor rolls
       // back.
-      {"FailedVerifyInGroupUpdateLeavesTheFlash", "nor8", Faults(kWornKernelBlock), "exec $U -g", 20,
-       "P:-20:", {kStart, Failed(20)}, Services::kNone, Archive::kStays, Chip::kChanged},
+      {"FailedVerifyInGroupUpdateLeavesTheFlash", "nor8", Faults(kWornKernelBlock), "exec $U -g",
+       20, "P:-20:", {kStart, Failed(20)}, {Services::kNone, Archive::kStays, Chip::kChanged}},
       // A directory where the configuration migration removes a file.
       {"FailedConfigurationMigrationRollsBackWith17", "nor8",
        [](Scenario* s) { Set(s, "/usr/velt/etc/manutil.conf/keep", "x"); }, "", 17, "C:-17:",
-       {kStart, Upgrade(), Failed(17)}, Services::kStoppedThenStarted, Archive::kStays,
-       Chip::kUntouched},
-      {"KernelWithoutDriverBufferCallStillUpdates", "nor8", Faults({"set driver-buffer errno ENOSYS"}),
-       "", 0, "R:0:", ok, Services::kStopped, Archive::kMoved, Chip::kUpdated,
+       {kStart, Upgrade(), Failed(17)}, kRolledBack},
+      {"KernelWithoutDriverBufferCallStillUpdates", "nor8",
+       Faults({"set driver-buffer errno ENOSYS"}), "", 0, "R:0:", ok, kUpdated,
        {"user.err main(N): fail to free mtd driver buffer, error = 38"}},
       {"RefusedDriverBufferEndsWith23", "nor8", Faults({"set driver-buffer errno ENOMEM"}), "", 23,
-       "A:-23:", {kStart, Upgrade(), Failed(23)}, Services::kStoppedThenStarted, Archive::kStays,
-       Chip::kUntouched},
+       "A:-23:", {kStart, Upgrade(), Failed(23)}, kRolledBack},
       {"OldSystemUp300SecondsIsUpdated", "nor8", OldSystemWithInitrd, WithUptime(300), 0, "R:0:",
-       {kStart, Upgrade("350"), kDone}, Services::kAny, Archive::kMoved, Chip::kUpdated},
+       {kStart, Upgrade("350"), kDone}, kUpdatedAnyServices},
       {"OldSystemUp301SecondsMustRebootFirst", "nor8", OldSystemWithInitrd, WithUptime(301), 24,
-       "A:-24:", {kStart, Upgrade("350"), Failed(24)}, Services::kStoppedThenStarted,
-       Archive::kStays, Chip::kUntouched, {},
+       "A:-24:", {kStart, Upgrade("350"), Failed(24)}, kRolledBack, {},
        FileHas("/tmp/update.message",
                "extramsg=\"To perform upgrade task, you have to REBOOT your Filebay first.\"\n")},
       // The photo database step of an old system starts the database.
       {"JuniorNeverAppliesTheRebootRule", "junior6", OldSystemWithInitrd, WithUptime(301), 0,
-       "R:0:", {kStart, Upgrade("350"), kDone}, Services::kAny, Archive::kMoved, Chip::kUpdated,
+       "R:0:", {kStart, Upgrade("350"), kDone}, kUpdatedAnyServices,
        {std::string(kDatabase) + " start"}},
       // An old build whose FTP passive range is too wide; a directory holds
       // the settings' temporary file name.
@@ -199,8 +199,7 @@ std::vector<Case> Cases() {
          sandbox::SetKeyValue(&s->settings, "ftphighport", "60000");
          Set(s, "/etc/veltinfo.conf.tmp/keep", "x");
        },
-       "", 21, "A:-21:", {kStart, Upgrade("400"), Failed(21)}, Services::kStoppedThenStarted,
-       Archive::kStays, Chip::kUntouched},
+       "", 21, "A:-21:", {kStart, Upgrade("400"), Failed(21)}, kRolledBack},
       // The FIS directory of a junior k77g+ at build 284 is rewritten before
       // the flash; its write fails.
       {"FailedFisDirectoryRepairEndsWith20", "junior6",
@@ -211,16 +210,15 @@ std::vector<Case> Cases() {
                 PackageUnique(s, kK77);
               }),
        "mount -t tmpfs tmpfs /proc/sys/kernel && echo 2.0-j >/proc/sys/kernel/velt_hw_version && "
-       "exec $U", 20, "A:-20:", {kStart, Upgrade("284"), Failed(20)}, Services::kStoppedThenStarted,
-       Archive::kStays, Chip::kDirectoryErased},
+       "exec $U", 20, "A:-20:", {kStart, Upgrade("284"), Failed(20)},
+       {Services::kStoppedThenStarted, Archive::kStays, Chip::kDirectoryErased}},
       // Build 483 needs the rsync fix: the secrets are for root and group 25.
       {"RsyncSecretsBecomeGroup25Readable", "nor8",
        [](Scenario* s) {
          SystemBuild(s, "483");
          Set(s, "/etc/rsyncd.secrets", "backup:secret\n", 0666);
        },
-       "", 0, "R:0:", {kStart, Upgrade("483"), kDone}, Services::kAny, Archive::kMoved,
-       Chip::kUpdated, {},
+       "", 0, "R:0:", {kStart, Upgrade("483"), kDone}, kUpdatedAnyServices, {},
        [](const sandbox::RunResult&, sandbox::Sandbox* box) {
          struct stat st;
          ASSERT_EQ(stat(box->RootPath("/etc/rsyncd.secrets").c_str(), &st), 0);
@@ -232,7 +230,7 @@ std::vector<Case> Cases() {
       // nothing was stopped, so nothing is started after the failure.
       {"ServicesThatCouldNotBeStoppedAreNotStarted", "nor8", Faults(kWornKernelBlock),
        "probe holdlock 0x40 12000 /tmp/held >/dev/null & until [ -e /tmp/held ]; do sleep 0.1; "
-       "done; exec $U", 20, "P:-20:", failed20, Services::kNone, Archive::kStays, Chip::kUntouched,
+       "done; exec $U", 20, "P:-20:", failed20, kNothingDone,
        {"user.err main(N): all services stop error"}},
       // Stopped at 9000, started again at 1500 before the MTU is restored.
       {"JumboFramesAreOffWhileTheFlashIsWritten", "nor8",
@@ -241,11 +239,12 @@ std::vector<Case> Cases() {
                 s->eth0_speed = 1000;
                 sandbox::SetKeyValue(&s->default_settings, "supportMTU", "yes");
                 sandbox::SetKeyValue(&s->settings, "MTUValue", "9000");
-                Set(s, kDatabase, "#!/bin/sh\necho \"$0 $* $(ifconfig eth0 | grep -o 'MTU:[0-9]*')\" "
+                Set(s, kDatabase,
+                "#!/bin/sh\necho \"$0 $* $(ifconfig eth0 | grep -o 'MTU:[0-9]*')\" "
                     ">>/var/log/stub-calls.log\n", 0755);
               }),
        "ifconfig eth0 mtu 9000 && $U; s=$?; ifconfig eth0 | grep -o 'MTU:[0-9]*'; exit $s", 20,
-       "P:-20:", failed20, Services::kAny, Archive::kStays, Chip::kUntouched,
+       "P:-20:", failed20, {Services::kAny, Archive::kStays, Chip::kUntouched},
        {std::string(kDatabase) + " stop MTU:9000", std::string(kDatabase) + " start MTU:1500"},
        [](const sandbox::RunResult& result, sandbox::Sandbox* box) {
          EXPECT_EQ(result.out, "MTU:9000\n");
@@ -258,14 +257,15 @@ std::vector<Case> Cases() {
          sandbox::SetKeyValue(&s->default_settings, "supportMTU", "yes");
          sandbox::SetKeyValue(&s->settings, "MTUValue", "9000");
        },
-       "", 0, "R:0:", ok, Services::kStopped, Archive::kMoved, Chip::kUpdated, {},
+       "", 0, "R:0:", ok, kUpdated, {},
        FileHas("/etc/veltinfo.conf", "MTUValue=\"9000\"\n")},
       // No clean-up: the driver buffer (whose release would fail) is never
       // released.
       {"UnopenableStartDirectoryEndsWith1WithoutCleanUp", "nor8",
-       Faults({"set driver-buffer errno ENOSYS"}, [](Scenario* s) { Set(s, "/root/start/keep", "x"); }),
+       Faults({"set driver-buffer errno ENOSYS"}, [](Scenario* s) { Set(s, "/root/start/keep",
+       "x"); }),
        "chmod 0 /root/start && " + std::string(kFromStart), 1, "A:-1:", {kStart, Failed(1)},
-       Services::kNone, Archive::kStays, Chip::kUntouched, {},
+       kNothingDone, {},
        [](const sandbox::RunResult& result, sandbox::Sandbox*) {
          for (const std::string& line : sandbox_test::ProgramMessages(result, "updater")) {
            EXPECT_EQ(line.find("driver buffer"), std::string::npos) << line;
@@ -273,11 +273,10 @@ std::vector<Case> Cases() {
        }},
       {"FailureToReturnToTheStartDirectoryTurnsSuccessInto2", "nor8", ClosingStartDirectory,
        kFromStart, 2, "R:-2:", {kStart, Upgrade(), kDone, Failed(2)},
-       Services::kStoppedThenStarted, Archive::kMoved, Chip::kUpdated},
+       {Services::kStoppedThenStarted, Archive::kMoved, Chip::kUpdated}},
       {"FailureToReturnToTheStartDirectoryReplacesAFailureWith2", "nor8",
        Faults({"set driver-buffer errno ENOMEM"}, ClosingStartDirectory), kFromStart, 2, "A:-2:",
-       {kStart, Upgrade(), Failed(2)}, Services::kStoppedThenStarted, Archive::kStays,
-       Chip::kUntouched},
+       {kStart, Upgrade(), Failed(2)}, kRolledBack},
   };
 }
 // clang-format on
@@ -373,12 +372,13 @@ TEST_P(UpdaterRunTest, Run) {
   const auto at = [&](const std::string& call) {
     return std::find(calls.begin(), calls.end(), call);
   };
-  if (c.services != Services::kAny) {
-    EXPECT_EQ(calls.empty(), c.services == Services::kNone) << testing::PrintToString(calls);
-    EXPECT_EQ(at(std::string(kDatabase) + " stop") != calls.end(), c.services != Services::kNone);
+  if (c.after.services != Services::kAny) {
+    EXPECT_EQ(calls.empty(), c.after.services == Services::kNone) << testing::PrintToString(calls);
+    EXPECT_EQ(at(std::string(kDatabase) + " stop") != calls.end(),
+              c.after.services != Services::kNone);
     const auto start = at(std::string(kDatabase) + " start");
     EXPECT_EQ(start != calls.end() && start > at(std::string(kDatabase) + " stop"),
-              c.services == Services::kStoppedThenStarted);
+              c.after.services == Services::kStoppedThenStarted);
   }
   Lines messages = sandbox_test::ProgramMessages(result, "updater");
   for (std::string& message : messages) message.erase(message.find_last_not_of("\n ") + 1);
@@ -390,10 +390,10 @@ TEST_P(UpdaterRunTest, Run) {
 
   const std::string archive = sandbox::SampleImageBytes("hda1.tgz", 4096);
   EXPECT_TRUE(RootFile(sandbox::kNextBootArchive) ==
-              (c.archive == Archive::kMoved ? archive : "<missing>"));
+              (c.after.archive == Archive::kMoved ? archive : "<missing>"));
   EXPECT_TRUE(RootFile("/volumez/VeltUpgrade.tar.gz") ==
-              (c.archive == Archive::kOnVolumeZ ? archive : "<missing>"));
-  EXPECT_EQ(Exists(kPkg + "/hda1.tgz"), c.archive == Archive::kStays);
+              (c.after.archive == Archive::kOnVolumeZ ? archive : "<missing>"));
+  EXPECT_EQ(Exists(kPkg + "/hda1.tgz"), c.after.archive == Archive::kStays);
   // Only the M-Systems path keeps its backup, beside the package.
   EXPECT_EQ(Exists(kPkg + "/b@ckup/mtd_vendor"), std::string(c.board) == "msys");
   EXPECT_FALSE(Exists("/tmp/owned"));
@@ -402,14 +402,14 @@ TEST_P(UpdaterRunTest, Run) {
   const bool same = after.image == before.image &&
                     flashsim::FormatLayout(after.layout) == flashsim::FormatLayout(before.layout);
   bool terminated = false;
-  if (c.chip == Chip::kUntouched || c.chip == Chip::kChanged) {
-    EXPECT_EQ(same, c.chip == Chip::kUntouched);
-  } else if (c.chip == Chip::kDirectoryErased) {
+  if (c.after.chip == Chip::kUntouched || c.after.chip == Chip::kChanged) {
+    EXPECT_EQ(same, c.after.chip == Chip::kUntouched);
+  } else if (c.after.chip == Chip::kDirectoryErased) {
     EXPECT_TRUE(campaign::BootView(after, &terminated).empty());
   } else {
     ExpectImages(before, after,
-                 c.chip == Chip::kUpdated ? sandbox::SampleImages(layout, package)
-                                          : std::vector<sandbox::PackageImage>());
+                 c.after.chip == Chip::kUpdated ? sandbox::SampleImages(layout, package)
+                                                : std::vector<sandbox::PackageImage>());
   }
   if (c.check) c.check(result, box_.get());
 }
