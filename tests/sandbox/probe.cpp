@@ -4,8 +4,8 @@
 // followed for the appliance modules by " error <code>" (hex) when the call
 // left a library error code.
 //
-//   netservice MASK OP    control OP    stop    start    events OP MASK
-//   killall NAME    terminate NAME FORCE    findpids NAME    mtu VALUE
+//   netservice MASK OP    control OP    stop    start    killall NAME
+//   terminate NAME FORCE    mtu VALUE
 //   setkey KEY VALUE    export LANG PATH (the system log)
 //   holdlock MASK SECONDS MARKER: takes ErrSLIBFileLock(MASK | 6, 0), creates
 //       the file MARKER and sleeps SECONDS with the lock
@@ -27,7 +27,6 @@
 #include "lib/velt_log.h"
 #include "sdk/velt_net.h"
 #include "sdk/velt_service.h"
-#include "sdk/velt_service_events.h"
 #include "updater/ftp_accounts.h"
 #include "updater/update_config.h"
 #include "updater/update_run.h"
@@ -74,14 +73,8 @@ const Call kCalls[] = {
     {"control", 1, [](char** a) { return VELTServiceNetControl(N(a[0])); }},
     {"stop", 0, [](char**) { return ErrNetServiceStop(); }},
     {"start", 0, [](char**) { return ErrNetServiceStart(); }},
-    {"events", 2, [](char** a) { return VELTServiceRecordEvents(N(a[0]), N(a[1])); }},
     {"killall", 1, [](char** a) { return VELTServiceKillAll(a[0]); }},
     {"terminate", 2, [](char** a) { return VELTServiceTerminate(a[0], N(a[1])); }},
-    {"findpids", 1,
-     [](char** a) {
-       int pids[VELT_SERVICE_MAX_PIDS];
-       return VELTServiceFindPids(a[0], pids, VELT_SERVICE_MAX_PIDS);
-     }},
     {"mtu", 1, [](char** a) { return VELTNetSetMTUValue(a[0]); }},
     {"setkey", 2, [](char** a) { return VELTINFOSetKeyValue(a[0], a[1]); }},
     {"export", 2, [](char** a) { return VELTLogExport(1, a[0], a[1]); }},
