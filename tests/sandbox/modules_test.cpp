@@ -140,20 +140,6 @@ const sandbox_test::ProbeCase kServiceCases[] = {
                           kDependentsStart + kBackupStart + kTailStart;
        return once + once;
      }()},
-    {"SingleServicesRestartAndReloadByTheirOwnRules",
-     [](Scenario* s) {
-       Daemons(s, {kSmbd, kNmbd, kFtpd});
-       s->stub_status = {{"S55lpd.sh.stop", 1}};
-     },
-     "probe netservice 0x4 4; until grep -q SIGHUP /var/log/stub-calls.log; do usleep 10000; done; "
-     "probe netservice 0x10 3 netservice 0x400 3 netservice 0x8 4 netservice 0x2 4 "
-     "netservice 0x40 4 netservice 0x1 4 netservice 0x100 1",
-     "netservice 0x4 4: 4\nnetservice 0x10 3: 8\nnetservice 0x400 3: 2048\nnetservice 0x8 4: 0\n"
-     "netservice 0x2 4: 256\nnetservice 0x40 4: 0 error 2A00\nnetservice 0x1 4: 0\n"
-     "netservice 0x100 1: 0\n",
-     Rc({std::string(kSmbd) + " [SIGHUP]", std::string(kFtpd) + " [SIGTERM]", "S99ftpd.sh start",
-         "S55lpd.sh stop", "S55lpd.sh start", "S86veltdms.sh restart"})},
-    // Another process holds the settings lock 0x800, part of the service set.
     {"HeldLockMakesEveryWriterFail", Mtu(0, "9000"),
      "probe holdlock 0x800 6000 /tmp/held >/dev/null & until [ -e /tmp/held ]; do usleep 10000; "
      "done; probe control 1 control 2 setkey runftpd no mtu 1500; grep -e ^runftpd -e ^MTU "
@@ -234,19 +220,19 @@ std::function<void(sandbox::Scenario*)> Put(const Files& files, const Files& mor
   };
 }
 
-const char kFtp[] = "ftp:x:21:21:Anonymous FTP User:/nonexist:/sbin/nologin\n";
-const char kAnonymous[] = "anonymous:x:21:21:Anonymous FTP User:/nonexist:/sbin/nologin\n";
-const char kFtpShadow[] = "ftp:*:10933:0:99999:7:::\nanonymous:*:10933:0:99999:7:::\n";
-const char kFtpGroup[] = "ftp:x:21:nobody,ftp,nobody\n";
-const std::string kAccounts = std::string(kFtp) + kAnonymous;
-const char kPasswd[] =
+const std::string kFtp = "ftp:x:21:21:Anonymous FTP User:/nonexist:/sbin/nologin\n";
+const std::string kAnonymous = "anonymous:x:21:21:Anonymous FTP User:/nonexist:/sbin/nologin\n";
+const std::string kFtpShadow = "ftp:*:10933:0:99999:7:::\nanonymous:*:10933:0:99999:7:::\n";
+const std::string kFtpGroup = "ftp:x:21:nobody,ftp,nobody\n";
+const std::string kAccounts = kFtp + kAnonymous;
+const std::string kPasswd =
     "root:x:0:0:root:/root:/bin/sh\nadmin:x:1024:100:admin:/home/admin:/bin/sh\n";
-const char kShadow[] = "root::10933:0:99999:7:::\nadmin::10933:0:99999:7:::\n";
-const char kGroup[] = "root:x:0:\nusers:x:100:admin\n";
+const std::string kShadow = "root::10933:0:99999:7:::\nadmin::10933:0:99999:7:::\n";
+const std::string kGroup = "root:x:0:\nusers:x:100:admin\n";
 const Files kSmallAccounts = {{"/etc/passwd", kPasswd, "", 0644},
                               {"/etc/shadow", kShadow, "", 0600},
                               {"/etc/group", kGroup, "", 0644}};
-const char kEventText[] = "; cut -f4 /tmp/e";
+const std::string kModes = "echo $(stat -c %a group passwd shadow)";
 // The files of two flag sets, the files always removed and a copy source.
 const Files kFlagFiles = {{"/usr/velt/etc/rc.atalk", "x", "", 0644},
                           {"/etc/profile", "x", "", 0644},
@@ -277,31 +263,29 @@ const char kConfigFailed[] = "updater:N(UPDTUpdateConfig) Failed to ";
 const sandbox_test::ProbeCase kMigrationCases[] = {
     // ftp above anonymous, each in passwd and shadow; a second run adds nothing.
     {"AccountsMissingAreAddedOnce", Put(kSmallAccounts),
-     "probe UPDTAddFtpUserGroup UPDTAddFtpUserGroup",
-     "UPDTAddFtpUserGroup: 0\nUPDTAddFtpUserGroup: 0\n", {}, {}, {{"/etc/group",
-     kFtpGroup + std::string(kGroup), 0644}, {"/etc/passwd", kAccounts + kPasswd, 0644},
-     {"/etc/shadow", kFtpShadow + std::string(kShadow), 0600}}},
-    {"MissingShadowFileIsCreatedPrivate", nullptr, "rm /etc/shadow && probe UPDTAddFtpUserGroup",
-     "UPDTAddFtpUserGroup: 0\n", {}, {}, {{"/etc/shadow", kFtpShadow, 0600}}},
-    {"UserCreatedFtpGroupBecomesTheFirstFreeName", Put({{"/etc/group",
-     "ftp:x:1025:nobody,bob,nobody\nftp1:x:1026:nobody\n", "", 0644}}),
-     "probe UPDTAddFtpUserGroup export enu /tmp/e" + std::string(kEventText),
-     "UPDTAddFtpUserGroup: 0\nexport enu /tmp/e: 1\nGroup [ftp] was renamed to [ftp2].\n", {}, {},
-     {{"/etc/group",
-     kFtpGroup + std::string("ftp2:x:1025:nobody,bob,nobody\nftp1:x:1026:nobody\n")}}},
+     "probe UPDTAddFtpUserGroup UPDTAddFtpUserGroup; cd /etc; cat group passwd shadow; " + kModes,
+     "UPDTAddFtpUserGroup: 0\nUPDTAddFtpUserGroup: 0\n" + kFtpGroup + kGroup + kAccounts + kPasswd +
+         kFtpShadow + kShadow + "644 644 600\n"},
+    {"MissingShadowFileIsCreatedPrivate", nullptr,
+     "rm /etc/shadow && probe UPDTAddFtpUserGroup; cd /etc; cat shadow; " + kModes,
+     "UPDTAddFtpUserGroup: 0\n" + kFtpShadow + "644 644 600\n"},
+    {"UserCreatedFtpGroupBecomesTheFirstFreeName",
+     Put({{"/etc/group", "ftp:x:1025:nobody,bob,nobody\nftp1:x:1026:nobody\n", "", 0644}}),
+     "probe UPDTAddFtpUserGroup export enu /tmp/e; cut -f4 /tmp/e; cat /etc/group",
+     "UPDTAddFtpUserGroup: 0\nexport enu /tmp/e: 1\nGroup [ftp] was renamed to [ftp2].\n" +
+         kFtpGroup + "ftp2:x:1025:nobody,bob,nobody\nftp1:x:1026:nobody\n"},
     // Ids up to 1024 belong to the system.
     {"SystemFtpGroupIsLeftAlone", Put(kSmallAccounts, {{"/etc/group", "ftp:x:1024:x\n", "", 0644}}),
-     "probe UPDTAddFtpUserGroup", "UPDTAddFtpUserGroup: 0\n", {}, {}, {{"/etc/group",
-     "ftp:x:1024:x\n"}, {"/etc/passwd", kAccounts + kPasswd}, {"/var/log/veltsys.log",
-     "<missing>"}}},
-    {"UserCreatedAnonymousIsRenamedFirst", Put({{"/etc/passwd",
-     "anonymous:x:1030:100:V:/home/anonymous:/bin/sh\n", "", 0644}, {"/etc/shadow",
-     "anonymous:$1$ab$cd:12000:0:99999:7:::\n", "", 0600}}),
-     "probe UPDTAddFtpUserGroup export enu /tmp/e" + std::string(kEventText),
+     "probe UPDTAddFtpUserGroup; cat /etc/group /etc/passwd /var/log/veltsys.log",
+     "UPDTAddFtpUserGroup: 0\nftp:x:1024:x\n" + kAccounts + kPasswd},
+    {"UserCreatedAnonymousIsRenamedFirst",
+     Put({{"/etc/passwd", "anonymous:x:1030:100:V:/home/anonymous:/bin/sh\n", "", 0644},
+          {"/etc/shadow", "anonymous:$1$ab$cd:12000:0:99999:7:::\n", "", 0600}}),
+     "probe UPDTAddFtpUserGroup export enu /tmp/e; cut -f4 /tmp/e; cat /etc/passwd /etc/shadow",
      "UPDTAddFtpUserGroup: 0\nexport enu /tmp/e: 1\n"
-     "User [anonymous] was renamed to [anonymous1].\n", {}, {}, {{"/etc/passwd",
-     kAccounts + "anonymous1:x:1030:100:V:/home/anonymous:/bin/sh\n"}, {"/etc/shadow",
-     kFtpShadow + std::string("anonymous1:$1$ab$cd:12000:0:99999:7:::\n")}}},
+     "User [anonymous] was renamed to [anonymous1].\n" +
+         kAccounts + "anonymous1:x:1030:100:V:/home/anonymous:/bin/sh\n" + kFtpShadow +
+         "anonymous1:$1$ab$cd:12000:0:99999:7:::\n"},
     // admin (1024) is a system account; guest (1025) is user-created.
     {"OnlyUserCreatedAccountsAreRenamed", nullptr,
      "probe UPDTRenameConflictUser admin UPDTRenameConflictUser nosuch UPDTRenameConflictUser guest"
@@ -310,19 +294,20 @@ const sandbox_test::ProbeCase kMigrationCases[] = {
      "UPDTRenameConflictUser guest: 0\n/etc/passwd:1\n/etc/shadow:1\n1\n"},
     // "/etc/passwd.tmp" cannot be made: the group line goes in, the failed
     // user's shadow line not.
-    {"FailedInsertionSkipsTheShadowFileAndCounts", Put(kSmallAccounts, {{"/etc/passwd.tmp/x", "x",
-     "", 0644}}), "probe set gblCfgFtpUser 1 UPDTUpdateConfig; cut -f2 /var/log/veltupdate.log | "
-     "sed 's/([0-9]*)/(N)/'",
+    {"FailedInsertionSkipsTheShadowFileAndCounts",
+     Put(kSmallAccounts, {{"/etc/passwd.tmp/x", "x", "", 0644}}),
+     "probe set gblCfgFtpUser 1 UPDTUpdateConfig; cut -f2 /var/log/veltupdate.log | "
+     "sed 's/([0-9]*)/(N)/'; cat /etc/group /etc/passwd /etc/shadow",
      "UPDTUpdateConfig: -1\nupdater (N) Failed to SLIBFileAddLine in to /etc/shadow.\n"
-     "updater (N) Failed to add ftp user/group.\n", {},
-     {"updater (N) Failed to SLIBFileAddLine in to /etc/shadow.",
-     "updater (N) Failed to add ftp user/group."}, {{"/etc/group", kFtpGroup + std::string(kGroup)},
-     {"/etc/passwd", kPasswd}, {"/etc/shadow", kShadow}}},
+     "updater (N) Failed to add ftp user/group.\n" + kFtpGroup + kGroup + kPasswd + kShadow,
+     {}, {"updater (N) Failed to SLIBFileAddLine in to /etc/shadow.",
+          "updater (N) Failed to add ftp user/group."}},
     // The system's look-up accepts this line; the group database does not.
-    {"UnreadableUserCreatedGroupEndsTheStep", Put(kSmallAccounts, {{"/etc/group",
-     "ftp:x:1025:nobody:extra\n", "", 0644}}), "probe UPDTAddFtpUserGroup",
-     "UPDTAddFtpUserGroup: -1\n", {}, {"updater (N) Failed to VELTGroupGet() group [ftp]."},
-     {{"/etc/group", "ftp:x:1025:nobody:extra\n"}, {"/etc/passwd", kPasswd}}},
+    {"UnreadableUserCreatedGroupEndsTheStep",
+     Put(kSmallAccounts, {{"/etc/group", "ftp:x:1025:nobody:extra\n", "", 0644}}),
+     "probe UPDTAddFtpUserGroup; cat /etc/group /etc/passwd",
+     "UPDTAddFtpUserGroup: -1\nftp:x:1025:nobody:extra\n" + std::string(kPasswd), {},
+     {"updater (N) Failed to VELTGroupGet() group [ftp]."}},
     // Each flag removes its own files only; two files always go; the old
     // configuration and logs are copied to the run's volume.
     {"FlagsRemoveTheirFilesAndSaveTheOldConfiguration", Put(kFlagFiles),
@@ -335,28 +320,33 @@ const sandbox_test::ProbeCase kMigrationCases[] = {
     {"OtherFlagsRemoveTheirFiles", Put(kFlagFiles),
      "probe set gblCfgPapd 1 set gblCfgJumboFrame 1 UPDTUpdateConfig" +
          std::string(kListFlagFiles) +
-     "ls /etc/fstab /etc/profile /etc/rc /usr/velt/etc/rc.atalk /volume1/s@vedconfig",
+         "ls /etc/fstab /etc/profile /etc/rc /usr/velt/etc/rc.atalk /volume1/s@vedconfig",
      "UPDTUpdateConfig: 0\n4\n/etc/fstab\n/etc/profile\n/etc/rc\n/usr/velt/etc/rc.atalk\n"},
+    // What could be copied was copied.
     {"FailedCopyCounts", Put({{"/writeable/configs/veltinfo.conf", "a=\"1\"\n", "", 0644}}),
-     "probe set gblCfgRcFstab 1 UPDTUpdateConfig", "UPDTUpdateConfig: -1\n", {},
+     "probe set gblCfgRcFstab 1 UPDTUpdateConfig; cat /volume1/s@vedconfig/veltinfo.conf",
+     "UPDTUpdateConfig: -1\na=\"1\"\n", {},
      {"updater:N(UPDTUpdateConfig) Failed to execute szCmd=[/bin/cp -a /writeable/configs/* "
-     "/writeable/logs/* /volume1/s@vedconfig], errno=("}, {{"/volume1/s@vedconfig/veltinfo.conf",
-     "a=\"1\"\n"}}},
-    {"CrontabLosesExactlyTheVacuumAndHtmlLines", Put({{"/etc/crontab",
-     "#m\th\tdom\tmon\tdow\twho\tcommand\n0\t3\t*\t*\t*\troot\t/usr/velt/pgsql/bin/vacuumdb -a\n"
-     "*/5\t*\t*\t*\t*\troot\t/bin/rm -f /var/log/*.html\n10 2 * * * root /bin/backup  --all   \n"
-     "0 1 * * * root /bin/rm -f /var/log/x.html\n\n30 4 * * 0 root /bin/vacuumdb-report\n"
-     "last line without newline", "", 0644}}), "probe UPDTUpdateConfig", "UPDTUpdateConfig: 0\n",
-     {}, {}, {{"/etc/crontab",
-     "#m\th\tdom\tmon\tdow\twho\tcommand\n10 2 * * * root /bin/backup  --all   \n"
-     "0 1 * * * root /bin/rm -f /var/log/x.html\n\nlast line without newline\n"}}},
+      "/writeable/logs/* /volume1/s@vedconfig], errno=("}},
+    {"CrontabLosesExactlyTheVacuumAndHtmlLines",
+     Put({{"/etc/crontab",
+           "#m\th\tdom\tmon\tdow\twho\tcommand\n"
+           "0\t3\t*\t*\t*\troot\t/usr/velt/pgsql/bin/vacuumdb -a\n"
+           "*/5\t*\t*\t*\t*\troot\t/bin/rm -f /var/log/*.html\n"
+           "10 2 * * * root /bin/backup  --all   \n"
+           "0 1 * * * root /bin/rm -f /var/log/x.html\n\n30 4 * * 0 root /bin/vacuumdb-report\n"
+           "last line without newline", "", 0644}}),
+     "probe UPDTUpdateConfig; cat /etc/crontab",
+     "UPDTUpdateConfig: 0\n#m\th\tdom\tmon\tdow\twho\tcommand\n"
+     "10 2 * * * root /bin/backup  --all   \n"
+     "0 1 * * * root /bin/rm -f /var/log/x.html\n\nlast line without newline\n"},
     {"CrontabFilterFollowsNoPlantedLink", Put({{"/etc/crontab", "1 1 * * * root ls\n", "", 0644}}),
-     "ln -s /etc/planted /tmp/crontab_tmp && probe UPDTUpdateConfig", "UPDTUpdateConfig: 0\n", {},
-     {}, {{"/etc/planted", "<missing>"}, {"/etc/crontab", "1 1 * * * root ls\n"}}},
-    {"NoCrontabIsNeverInstalledEmpty", nullptr, "rm /etc/crontab && probe UPDTUpdateConfig",
-     "UPDTUpdateConfig: 0\n", {}, {"updater(N) Failed to remove vacuumdb from crontab.",
-     "updater(N) Failed to remove \"rm -f /var/log/\\*.html\" from crontab."}, {{"/etc/crontab",
-     "<missing>"}}},
+     "ln -s /etc/planted /tmp/crontab_tmp && probe UPDTUpdateConfig; cat /etc/planted /etc/crontab",
+     "UPDTUpdateConfig: 0\n1 1 * * * root ls\n"},
+    {"NoCrontabIsNeverInstalledEmpty", nullptr,
+     "rm /etc/crontab && probe UPDTUpdateConfig; cat /etc/crontab", "UPDTUpdateConfig: 0\n", {},
+     {"updater(N) Failed to remove vacuumdb from crontab.",
+      "updater(N) Failed to remove \"rm -f /var/log/\\*.html\" from crontab."}},
     {"JumboMtuValuesAreLowered", nullptr,
      "for v in '=\"9000\"' '=\"4074\"' ' = 9000' '=\"8000\"' '=\"1500\"'; do "
      "sed -i \"s/^MTUValue.*/MTUValue$v/\" /etc/veltinfo.conf; probe set gblCfgMTU 1 "
@@ -367,17 +357,17 @@ const sandbox_test::ProbeCase kMigrationCases[] = {
      "MTUValue=\"1500\"\nUPDTUpdateConfig: 0\nMTUValue=\"9000\"\n"},
     // A directory where "/etc/profile" was counts; one where php.ini was is
     // only logged; the later steps run all the same.
-    {"FailedRemovesCountButLaterStepsRun", Put({{"/etc/profile/x", "x\n", "", 0644},
-     {"/usr/velt/etc/php.ini/x", "x\n", "", 0644}, {"/usr/velt/etc/rc.d/S78JumboFrame.sh",
-     "#!/bin/sh\n", "", 0755}, {"/etc/crontab", "0 3 * * * root vacuumdb -a\n1 1 * * * root ls\n",
-     "", 0644}}),
+    {"FailedRemovesCountButLaterStepsRun",
+     Put({{"/etc/profile/x", "x\n", "", 0644}, {"/usr/velt/etc/php.ini/x", "x\n", "", 0644},
+          {"/usr/velt/etc/rc.d/S78JumboFrame.sh", "#!/bin/sh\n", "", 0755},
+          {"/etc/crontab", "0 3 * * * root vacuumdb -a\n1 1 * * * root ls\n", "", 0644}}),
      "probe set gblCfgProfile 1 set gblCfgJumboFrame 1 UPDTUpdateConfig; rm -r /etc/profile; "
-     "probe set gblCfgProfile 1 UPDTUpdateConfig", "UPDTUpdateConfig: -1\nUPDTUpdateConfig: 0\n",
-     {}, {std::string(kConfigFailed) + "remove /etc/profile, errno=(21)[Is a directory]",
-     std::string(kConfigFailed) + "remove /usr/velt/etc/php.ini, errno=(21)[Is a directory]",
-     std::string(kConfigFailed) + "remove /usr/velt/etc/php.ini, errno=(21)[Is a directory]"},
-     {{"/usr/velt/etc/rc.d/S78JumboFrame.sh", "<missing>"}, {"/etc/crontab",
-     "1 1 * * * root ls\n"}}},
+     "probe set gblCfgProfile 1 UPDTUpdateConfig; "
+     "cat /usr/velt/etc/rc.d/S78JumboFrame.sh /etc/crontab",
+     "UPDTUpdateConfig: -1\nUPDTUpdateConfig: 0\n1 1 * * * root ls\n", {},
+     {std::string(kConfigFailed) + "remove /etc/profile, errno=(21)[Is a directory]",
+      std::string(kConfigFailed) + "remove /usr/velt/etc/php.ini, errno=(21)[Is a directory]",
+      std::string(kConfigFailed) + "remove /usr/velt/etc/php.ini, errno=(21)[Is a directory]"}},
     {"FtpPassiveRangeIsCutTo1024Ports", nullptr,
      "for r in '55536 65535' '55536 56559' '55536 56560' '60000 50000' '1025 65535' '- 65535' "
      "'- -'; do set -- $r; sed -i /^ftp/d /etc/veltinfo.conf; for k in low:$1 high:$2; do "
@@ -389,11 +379,13 @@ const sandbox_test::ProbeCase kMigrationCases[] = {
      {"updater:N(UpdateFTPPassivePortRange) SLIBFileGetKeyValue(SZF_VELT_INFO, SZK_FTP_LOW_PORT) "
      "fail"}},
     // "use chroot = no" after the lock file line, once; mode 0644.
-    {"RsyncdConfGetsNoChrootOnce", Put({{"/etc/rsyncd.conf",
-     "uid = root\nlock file = /var/run/rsyncd.lock\n[NetBackup]\n", "", 0600}}),
-     "probe UpdateRsyncdConf && chmod 600 /etc/rsyncd.conf && probe UpdateRsyncdConf",
-     "UpdateRsyncdConf: 0\nUpdateRsyncdConf: 0\n", {}, {}, {{"/etc/rsyncd.conf",
-     "uid = root\nlock file = /var/run/rsyncd.lock\nuse chroot = no\n" "[NetBackup]\n", 0644}}},
+    {"RsyncdConfGetsNoChrootOnce",
+     Put({{"/etc/rsyncd.conf", "uid = root\nlock file = /var/run/rsyncd.lock\n[NetBackup]\n", "",
+           0600}}),
+     "probe UpdateRsyncdConf && chmod 600 /etc/rsyncd.conf && probe UpdateRsyncdConf && "
+     "cat /etc/rsyncd.conf && stat -c %a /etc/rsyncd.conf",
+     "UpdateRsyncdConf: 0\nUpdateRsyncdConf: 0\nuid = root\nlock file = /var/run/rsyncd.lock\n"
+     "use chroot = no\n[NetBackup]\n644\n"},
     {"RsyncdConfWithoutLockFileLineOrFileFails", Put({{"/etc/rsyncd.conf", "uid = root\n", "",
      0600}}), "probe UpdateRsyncdConf; ls -l /etc/rsyncd.conf | cut -c1-10; rm /etc/rsyncd.conf; "
      "probe UpdateRsyncdConf; ls /etc/rsyncd.conf",

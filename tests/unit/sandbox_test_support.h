@@ -124,18 +124,12 @@ class SandboxFixture : public ::testing::Test {
 // of its own, with the module probe (tests/sandbox/probe.cpp) as "probe" and
 // an /sbin/ifconfig that records its calls with arguments as a stub does.
 struct ProbeCase {
-  struct File {
-    std::string path;
-    std::string content;  // "<missing>": the file must not exist
-    mode_t mode = 0;      // 0: any
-  };
   const char* name;
   std::function<void(sandbox::Scenario*)> setup;
   std::string script;
   std::string out;                       // everything the command prints
   std::vector<std::string> calls = {};   // every stub call, in order
   std::vector<std::string> errors = {};  // the probe's error messages, each by its start
-  std::vector<File> files = {};
 };
 
 inline void PrintTo(const ProbeCase& c, std::ostream* os) { *os << c.name; }
@@ -179,13 +173,6 @@ class ProbeTest : public SandboxFixture, public ::testing::WithParamInterface<Pr
     }
     for (size_t i = 0; i < c.errors.size() && i < errors.size(); ++i) {
       EXPECT_EQ(errors[i].rfind(c.errors[i], 0), 0u) << errors[i];
-    }
-    for (const ProbeCase::File& file : c.files) {
-      EXPECT_EQ(RootFile(file.path), file.content) << file.path;
-      struct stat st;
-      if (file.mode != 0 && stat(box_->RootPath(file.path).c_str(), &st) == 0) {
-        EXPECT_EQ(st.st_mode & 07777, file.mode) << file.path;
-      }
     }
   }
 
