@@ -5,6 +5,7 @@
 // reports a chosen link speed); the configuration migration and the FTP
 // system accounts (real files under /etc, /usr/velt and /volume1, stub
 // database tools, the syslog and the system event log).
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -109,8 +110,9 @@ const sandbox_test::ProbeCase kServiceCases[] = {
      "netservice 0 1 netservice -1 5 control 3 " + kEventLog,
      "netservice -1 1: 64509\nnetservice -1 2: 64509\ncontrol 1: 0\ncontrol 2: 0\n"
      "netservice 0 1: -1 error D00\nnetservice -1 5: -1 error D00\ncontrol 3: 0\n"
-     "export enu /tmp/e: 14\n" + Events("was stopped.", 1, kEnabled) + Events("was started.", 1,
-     kEnabled), kStopAll + kStartAll + kStopAll + kStartAll},
+     "export enu /tmp/e: 14\n" + Events("was stopped.", 1, kEnabled) +
+         Events("was started.", 1, kEnabled),
+     kStopAll + kStartAll + kStopAll + kStartAll},
     // Stop: AppleTalk needs 0 (0x1 clear), MySQL cannot run (0x10 clear),
     // the scheduler's status 5 is no failure to run. Start: AppleTalk counts
     // whatever it returns, SMB needs both daemons (0x4 clear), FTP is off
@@ -233,22 +235,21 @@ const Files kSmallAccounts = {{"/etc/passwd", kPasswd, "", 0644},
                               {"/etc/shadow", kShadow, "", 0600},
                               {"/etc/group", kGroup, "", 0644}};
 const std::string kModes = "echo $(stat -c %a group passwd shadow)";
-// The files of two flag sets, the files always removed and a copy source.
-const Files kFlagFiles = {{"/usr/velt/etc/rc.atalk", "x", "", 0644},
-                          {"/etc/profile", "x", "", 0644},
-                          {"/etc/rc", "x", "", 0644},
-                          {"/etc/fstab", "x", "", 0644},
-                          {"/usr/velt/etc/papd.conf", "x", "", 0644},
-                          {"/usr/velt/etc/rc.d/S78JumboFrame.sh", "x", "", 0644},
-                          {"/usr/velt/etc/manutil.conf", "x", "", 0644},
-                          {"/usr/velt/etc/php.ini", "x", "", 0644},
-                          {"/writeable/configs/veltinfo.conf", "a=\"1\"\n", "", 0640},
-                          {"/writeable/configs/sub/hosts", "127.0.0.1\n", "", 0644},
-                          {"/writeable/logs/messages", "old log\n", "", 0644}};
-constexpr char kListFlagFiles[] =
-    "; ls /usr/velt/etc/rc.atalk /etc/profile /etc/rc /etc/fstab /usr/velt/etc/papd.conf "
-    "/usr/velt/etc/rc.d/S78JumboFrame.sh /usr/velt/etc/manutil.conf /usr/velt/etc/php.ini 2>&1 "
-    "| grep -c 'No such'; ";
+// The files of two flag sets and the files always removed; the command
+// counts those gone.
+const std::string kFlagPaths =
+    "/usr/velt/etc/rc.atalk /etc/profile /etc/rc /etc/fstab /usr/velt/etc/papd.conf "
+    "/usr/velt/etc/rc.d/S78JumboFrame.sh /usr/velt/etc/manutil.conf /usr/velt/etc/php.ini";
+const std::string kListFlagFiles = "; ls " + kFlagPaths + " 2>&1 | grep -c 'No such'; ";
+// Those files and the old configuration to copy.
+Files FlagFiles() {
+  Files files = {{"/writeable/configs/veltinfo.conf", "a=\"1\"\n", "", 0640},
+                 {"/writeable/configs/sub/hosts", "127.0.0.1\n", "", 0644},
+                 {"/writeable/logs/messages", "old log\n", "", 0644}};
+  std::istringstream paths(kFlagPaths);
+  for (std::string path; paths >> path;) files.push_back({path, "x", "", 0644});
+  return files;
+}
 // Each database call cut to 96 characters: its user and how its arguments
 // were split.
 const std::string kPsql = "/usr/velt/pgsql/bin/psql as admin: [photo] [-c] ";
@@ -310,16 +311,15 @@ const sandbox_test::ProbeCase kMigrationCases[] = {
      {"updater (N) Failed to VELTGroupGet() group [ftp]."}},
     // Each flag removes its own files only; two files always go; the old
     // configuration and logs are copied to the run's volume.
-    {"FlagsRemoveTheirFilesAndSaveTheOldConfiguration", Put(kFlagFiles),
+    {"FlagsRemoveTheirFilesAndSaveTheOldConfiguration", Put(FlagFiles()),
      "probe set gszVolume /volume2 set gblCfgAtalk 1 set gblCfgProfile 1 set gblCfgRcFstab 1 "
-     "UPDTUpdateConfig" + std::string(kListFlagFiles) + "ls /usr/velt/etc/papd.conf "
+     "UPDTUpdateConfig" + kListFlagFiles + "ls /usr/velt/etc/papd.conf "
      "/usr/velt/etc/rc.d/S78JumboFrame.sh; cd /volume2/s@vedconfig && cat veltinfo.conf sub/hosts "
      "messages && stat -c %a veltinfo.conf",
      "UPDTUpdateConfig: 0\n6\n/usr/velt/etc/papd.conf\n/usr/velt/etc/rc.d/S78JumboFrame.sh\n"
      "a=\"1\"\n127.0.0.1\nold log\n640\n"},
-    {"OtherFlagsRemoveTheirFiles", Put(kFlagFiles),
-     "probe set gblCfgPapd 1 set gblCfgJumboFrame 1 UPDTUpdateConfig" +
-         std::string(kListFlagFiles) +
+    {"OtherFlagsRemoveTheirFiles", Put(FlagFiles()),
+     "probe set gblCfgPapd 1 set gblCfgJumboFrame 1 UPDTUpdateConfig" + kListFlagFiles +
          "ls /etc/fstab /etc/profile /etc/rc /usr/velt/etc/rc.atalk /volume1/s@vedconfig",
      "UPDTUpdateConfig: 0\n4\n/etc/fstab\n/etc/profile\n/etc/rc\n/usr/velt/etc/rc.atalk\n"},
     // What could be copied was copied.
