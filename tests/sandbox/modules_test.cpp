@@ -5,13 +5,77 @@
 // reports a chosen link speed); the configuration migration and the FTP
 // system accounts (real files under /etc, /usr/velt and /volume1, stub
 // database tools, the syslog and the system event log).
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "sandbox_test_support.h"
+#include "test_support.h"
 
 namespace {
+
+// One row of a table of module runs: a shell command line run in a sandbox
+// of its own, with the module probe (tests/sandbox/probe.cpp) as "probe" and
+// an /sbin/ifconfig that records its calls with arguments as a stub does.
+struct ProbeCase {
+  const char* name;
+  std::function<void(sandbox::Scenario*)> setup;
+  std::string script;
+  std::string out;                       // everything the command prints
+  std::vector<std::string> calls = {};   // every stub call, in order
+  std::vector<std::string> errors = {};  // the probe's error messages, each by its start
+};
+
+void PrintTo(const ProbeCase& c, std::ostream* os) { *os << c.name; }
+
+class ProbeTest : public sandbox_test::SandboxFixture,
+                  public ::testing::WithParamInterface<ProbeCase> {
+ protected:
+  // `check_errors`: the probe's error messages are compared too.
+  explicit ProbeTest(bool check_errors)
+      : SandboxFixture("probe-test"), check_errors_(check_errors) {}
+
+  void RunCase() {
+    const ProbeCase& c = GetParam();
+    sandbox::Scenario scenario;
+    if (c.setup) c.setup(&scenario);
+    scenario.files.push_back({"/usr/bin/probe", "", MODULE_PROBE, 0});
+    // Shortens the programs' pauses; see fast_sleep.cpp.
+    scenario.files.push_back({"/usr/local/lib/fast_sleep.so", "", FAST_SLEEP_LIB, 0});
+    ASSERT_NE(Build(scenario), nullptr);
+    // A scenario file would be written through the busybox link.
+    const std::string ifconfig = box_->RootPath("/sbin/ifconfig");
+    ASSERT_EQ(unlink(ifconfig.c_str()), 0);
+    testing_support::WriteFile(ifconfig,
+                               "#!/bin/sh\n[ $# = 1 ] || echo \"/sbin/ifconfig $*\" "
+                               ">>/var/log/stub-calls.log\nexec /bin/busybox ifconfig \"$@\"\n");
+    ASSERT_EQ(chmod(ifconfig.c_str(), 0755), 0);
+    sandbox::RunOptions options;
+    options.env = {"LD_PRELOAD=/usr/local/lib/fast_sleep.so",
+                   "ASAN_OPTIONS=verify_asan_link_order=0"};
+    const sandbox::RunResult result = box_->Run({"/bin/sh", "-c", c.script}, options);
+    ASSERT_TRUE(result.ok) << sandbox_test::Describe(result);
+    EXPECT_EQ(result.out, c.out) << sandbox_test::Describe(result);
+    EXPECT_EQ(result.stub_calls, c.calls) << sandbox_test::Describe(result);
+    std::vector<std::string> errors;
+    for (const std::string& message : sandbox_test::ProgramMessages(result, "probe")) {
+      if (message.compare(0, 9, "user.err ") == 0) errors.push_back(message.substr(9));
+    }
+    if (check_errors_) {
+      ASSERT_EQ(errors.size(), c.errors.size()) << sandbox_test::Describe(result);
+    }
+    for (size_t i = 0; i < c.errors.size() && i < errors.size(); ++i) {
+      EXPECT_EQ(errors[i].rfind(c.errors[i], 0), 0u) << errors[i];
+    }
+  }
+
+ private:
+  const bool check_errors_;
+};
 
 using sandbox::Scenario;
 using Lines = std::vector<std::string>;
@@ -103,7 +167,7 @@ const Lines kEnabled = {"FTP", "MySQL", "Media", "Download", "Network backup", "
 constexpr char kEventLog[] = "export enu /tmp/e; cut -f1,2,4- /tmp/e";
 
 // clang-format off
-const sandbox_test::ProbeCase kServiceCases[] = {
+const ProbeCase kServiceCases[] = {
     // Unknown masks and operations fail before any lock.
     {"StopAllThenStartAllRunEveryServiceInOrder", AllServices,
      "probe netservice -1 1" + Live("smbd|nmbd|ftpd") + "probe netservice -1 2 control 1 control 2 "
@@ -188,13 +252,11 @@ const sandbox_test::ProbeCase kServiceCases[] = {
 };
 // clang-format on
 
-std::string Name(const ::testing::TestParamInfo<sandbox_test::ProbeCase>& info) {
-  return info.param.name;
-}
+std::string Name(const ::testing::TestParamInfo<ProbeCase>& info) { return info.param.name; }
 
-class ServicesTest : public sandbox_test::ProbeTest {
+class ServicesTest : public ProbeTest {
  protected:
-  ServicesTest() : ProbeTest(MODULE_PROBE, FAST_SLEEP_LIB, /*check_errors=*/false) {}
+  ServicesTest() : ProbeTest(/*check_errors=*/false) {}
 };
 
 TEST_P(ServicesTest, Run) { RunCase(); }
@@ -261,7 +323,7 @@ const std::string kReset = "/usr/velt/pgsql/bin/dropdb as admin: [mediaserver]\n
 const char kConfigFailed[] = "updater:N(UPDTUpdateConfig) Failed to ";
 
 // clang-format off
-const sandbox_test::ProbeCase kMigrationCases[] = {
+const ProbeCase kMigrationCases[] = {
     // ftp above anonymous, each in passwd and shadow; a second run adds nothing.
     {"AccountsMissingAreAddedOnce", Put(kSmallAccounts),
      "probe UPDTAddFtpUserGroup UPDTAddFtpUserGroup; cd /etc; cat group passwd shadow; " + kModes,
@@ -405,9 +467,9 @@ const sandbox_test::ProbeCase kMigrationCases[] = {
 };
 // clang-format on
 
-class MigrationTest : public sandbox_test::ProbeTest {
+class MigrationTest : public ProbeTest {
  protected:
-  MigrationTest() : ProbeTest(MODULE_PROBE, FAST_SLEEP_LIB, /*check_errors=*/true) {}
+  MigrationTest() : ProbeTest(/*check_errors=*/true) {}
 };
 
 TEST_P(MigrationTest, Run) { RunCase(); }

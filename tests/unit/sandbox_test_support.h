@@ -7,10 +7,7 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -19,7 +16,6 @@
 
 #include "log_lines.h"
 #include "sim/sandbox.h"
-#include "test_support.h"
 
 namespace sandbox_test {
 
@@ -118,69 +114,6 @@ class SandboxFixture : public ::testing::Test {
   const sandbox::Tools tools_;
   const bool need_flash_;
   std::unique_ptr<sandbox::Sandbox> box_;
-};
-
-// One row of a table of module runs: a shell command line run in a sandbox
-// of its own, with the module probe (tests/sandbox/probe.cpp) as "probe" and
-// an /sbin/ifconfig that records its calls with arguments as a stub does.
-struct ProbeCase {
-  const char* name;
-  std::function<void(sandbox::Scenario*)> setup;
-  std::string script;
-  std::string out;                       // everything the command prints
-  std::vector<std::string> calls = {};   // every stub call, in order
-  std::vector<std::string> errors = {};  // the probe's error messages, each by its start
-};
-
-inline void PrintTo(const ProbeCase& c, std::ostream* os) { *os << c.name; }
-
-class ProbeTest : public SandboxFixture, public ::testing::WithParamInterface<ProbeCase> {
- protected:
-  // `fast_sleep`: a library preloaded to shorten the programs' pauses;
-  // `check_errors`: the probe's error messages are compared too.
-  ProbeTest(std::string probe, std::string fast_sleep, bool check_errors)
-      : SandboxFixture("probe-test"),
-        probe_(std::move(probe)),
-        fast_sleep_(std::move(fast_sleep)),
-        check_errors_(check_errors) {}
-
-  void RunCase() {
-    const ProbeCase& c = GetParam();
-    sandbox::Scenario scenario;
-    if (c.setup) c.setup(&scenario);
-    scenario.files.push_back({"/usr/bin/probe", "", probe_, 0});
-    scenario.files.push_back({"/usr/local/lib/fast_sleep.so", "", fast_sleep_, 0});
-    ASSERT_NE(Build(scenario), nullptr);
-    // A scenario file would be written through the busybox link.
-    const std::string ifconfig = box_->RootPath("/sbin/ifconfig");
-    ASSERT_EQ(unlink(ifconfig.c_str()), 0);
-    testing_support::WriteFile(ifconfig,
-                               "#!/bin/sh\n[ $# = 1 ] || echo \"/sbin/ifconfig $*\" "
-                               ">>/var/log/stub-calls.log\nexec /bin/busybox ifconfig \"$@\"\n");
-    ASSERT_EQ(chmod(ifconfig.c_str(), 0755), 0);
-    sandbox::RunOptions options;
-    options.env = {"LD_PRELOAD=/usr/local/lib/fast_sleep.so",
-                   "ASAN_OPTIONS=verify_asan_link_order=0"};
-    const sandbox::RunResult result = box_->Run({"/bin/sh", "-c", c.script}, options);
-    ASSERT_TRUE(result.ok) << Describe(result);
-    EXPECT_EQ(result.out, c.out) << Describe(result);
-    EXPECT_EQ(result.stub_calls, c.calls) << Describe(result);
-    std::vector<std::string> errors;
-    for (const std::string& message : ProgramMessages(result, "probe")) {
-      if (message.compare(0, 9, "user.err ") == 0) errors.push_back(message.substr(9));
-    }
-    if (check_errors_) {
-      ASSERT_EQ(errors.size(), c.errors.size()) << Describe(result);
-    }
-    for (size_t i = 0; i < c.errors.size() && i < errors.size(); ++i) {
-      EXPECT_EQ(errors[i].rfind(c.errors[i], 0), 0u) << errors[i];
-    }
-  }
-
- private:
-  const std::string probe_;
-  const std::string fast_sleep_;
-  const bool check_errors_;
 };
 
 }  // namespace sandbox_test
