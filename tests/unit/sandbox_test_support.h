@@ -68,22 +68,6 @@ inline std::vector<std::string> ProgramMessages(const sandbox::RunResult& result
   return messages;
 }
 
-// Builds the sandbox of `scenario` in a new directory named after
-// `dir_prefix`; null after a recorded failure (the directory is removed).
-inline std::unique_ptr<sandbox::Sandbox> CreateSandbox(const std::string& dir_prefix,
-                                                       const sandbox::Scenario& scenario,
-                                                       const sandbox::Tools& tools) {
-  const std::string dir = NewSandboxDir(dir_prefix);
-  std::string error;
-  std::unique_ptr<sandbox::Sandbox> box = sandbox::Sandbox::Create(dir, scenario, tools, &error);
-  if (box == nullptr) {
-    ADD_FAILURE() << "Create(" << dir << "): " << error;
-    std::string ignored;
-    sandbox::DestroyDir(dir, &ignored);
-  }
-  return box;
-}
-
 // A test with at most one sandbox, box_: skipped where sandboxes cannot run,
 // the sandbox destroyed after the test (kept after a failure when
 // FILEBAY_KEEP_SANDBOX says so).
@@ -110,7 +94,13 @@ class SandboxFixture : public ::testing::Test {
   // The sandbox of this test, built from `scenario`; null after a recorded
   // failure.
   sandbox::Sandbox* Build(const sandbox::Scenario& scenario) {
-    box_ = CreateSandbox(dir_prefix_, scenario, tools_);
+    const std::string dir = NewSandboxDir(dir_prefix_);
+    std::string error;
+    box_ = sandbox::Sandbox::Create(dir, scenario, tools_, &error);
+    if (box_ == nullptr) {
+      ADD_FAILURE() << "Create(" << dir << "): " << error;
+      sandbox::DestroyDir(dir, &error);
+    }
     return box_.get();
   }
 
