@@ -83,13 +83,13 @@ TEST_F(SlibLock, BusyLocksAreRetriedEvery50msUntilTheTimeOut) {
     EXPECT_EQ(kLocked, WithError(ErrSLIBFileLock(kPw | kSmb | kExNb, 1)));
     EXPECT_EQ(std::vector<unsigned int>(21, 50000), recorder.pauses);  // 0 to 100 hundredths
     EXPECT_EQ(kLocked, WithError(ErrSLIBFileLock(kPw | kSmb | kExNb, 0)));
-    EXPECT_EQ(std::make_pair(21ul, kSmb), std::make_pair(recorder.pauses.size(), Busy()));
+    EXPECT_EQ(std::make_pair(size_t{21}, kSmb), std::make_pair(recorder.pauses.size(), Busy()));
   }
   testing_support::PauseRecorder recorder([](size_t pauses) {
     if (pauses == 3) close(holder);
   });
   EXPECT_EQ(0, ErrSLIBFileLock(kPw | kSmb | kExNb, 1));
-  EXPECT_EQ(std::make_pair(4ul, kPw | kSmb), std::make_pair(recorder.pauses.size(), Busy()));
+  EXPECT_EQ(std::make_pair(size_t{4}, kPw | kSmb), std::make_pair(recorder.pauses.size(), Busy()));
 }
 
 TEST_F(SlibLock, NestedLocksNeedAsManyUnlocksAndFailuresGiveBackWhatTheyTook) {
@@ -108,7 +108,7 @@ TEST_F(SlibLock, NestedLocksNeedAsManyUnlocksAndFailuresGiveBackWhatTheyTook) {
   ASSERT_EQ(0, ErrSLIBFileLock(kPw | SLIB_LOCK_SH | SLIB_LOCK_NB, 0));
   testing_support::PauseRecorder recorder;
   EXPECT_EQ(kLocked, WithError(ErrSLIBFileLock(SLIB_LOCK_VELTINFO | kPw | kExNb, 5)));
-  EXPECT_EQ(std::make_pair(0ul, kPw), std::make_pair(recorder.pauses.size(), Busy()));
+  EXPECT_EQ(std::make_pair(size_t{0}, kPw), std::make_pair(recorder.pauses.size(), Busy()));
   EXPECT_EQ(0, Busy(LOCK_SH) + ErrSLIBFileUnlock(kPw) + Busy());
 }
 
