@@ -2,7 +2,6 @@
 
 #include <map>
 #include <random>
-#include <set>
 
 #include "lib/slib_list.h"
 #include "test_support.h"
@@ -11,22 +10,9 @@ namespace {
 
 std::string Key(int i) { return "k" + std::to_string(100 + i).substr(1); }
 
-std::set<std::string> KeysOf(const SLIBSZHASH* hash) {
-  SLIBSZLIST* list = PslSLIBSzListAlloc(512);
-  std::set<std::string> keys;
-  for (int i = 0, n = SLIBSzHashEnumKey(hash, &list); i < n; ++i) {
-    keys.insert(SzSLIBSzListGet(list, i));
-  }
-  SLIBSzListFree(list);
-  return keys;
-}
-
 TEST(SlibHash, KeysLandOnTheirHomeSlotAndCollisionsProbeOnWrapping) {
   // Home slot: the key's big-endian words summed modulo 2^32, modulo the slots.
   SLIBSZHASH* hash = PshSLIBSzHashAlloc(100);
-  EXPECT_EQ(std::make_pair(512, 20 + 31 * 8), std::make_pair(hash->cbPool, hash->offNext));
-  EXPECT_EQ(static_cast<int>((0x61626364u + 0x65000000u) % 31),
-            SLIBSzHashSetValue(&hash, "abcde", ""));
   EXPECT_EQ(static_cast<int>(0xFEFFFFFFu % 31),
             SLIBSzHashSetValue(&hash, "\xFF\xFF\xFF\xFF\xFF", ""));
   EXPECT_EQ(0, SLIBSzHashClear(hash));
@@ -91,13 +77,15 @@ TEST(SlibHash, BehavesLikeAMapThroughGrowthAndDeletion) {
   auto* copy = static_cast<SLIBSZHASH*>(malloc(size));
   memcpy(copy, hash, size);
   SLIBSzHashFree(hash);
-  std::set<std::string> keys;
-  for (const auto& entry : model) {
-    keys.insert(entry.first);
-    EXPECT_STREQ(entry.second.c_str(), SzSLIBSzHashGetValue(copy, entry.first.c_str()));
+  SLIBSZLIST* list = PslSLIBSzListAlloc(512);
+  std::map<std::string, std::string> found;  // every key listed, with the value found for it
+  for (int i = 0, n = SLIBSzHashEnumKey(copy, &list); i < n; ++i) {
+    const char* key = SzSLIBSzListGet(list, i);
+    found[key] = SzSLIBSzHashGetValue(copy, key) ?: "(none)";
   }
-  EXPECT_EQ(std::make_pair(keys, static_cast<const char*>(nullptr)),
-            std::make_pair(KeysOf(copy), SzSLIBSzHashGetValue(copy, "absent")));
+  EXPECT_EQ(model, found);
+  EXPECT_EQ(nullptr, SzSLIBSzHashGetValue(copy, "absent"));
+  SLIBSzListFree(list);
   SLIBSzHashFree(copy);
 }
 

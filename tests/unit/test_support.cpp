@@ -8,7 +8,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -55,26 +54,24 @@ std::string LongText(size_t length, char first) {
 
 namespace {
 
-// Tests run as root: a mount namespace of their own is all they need.
-std::string EnterMountNamespace() {
-  if (unshare(CLONE_NEWNS) == 0) return "";
-  return std::string("unshare(CLONE_NEWNS): ") + strerror(errno);
-}
-
 std::string MountOrWhy(const char* source, const std::string& target, const char* type,
                        unsigned long flags, const char* data) {
   if (mount(source, target.c_str(), type, flags, data) == 0) return "";
   return "cannot mount " + target + ": " + strerror(errno);
 }
 
+// Tests run as root: a private mount namespace of their own is all they need.
+std::string EnterMountNamespace() {
+  if (unshare(CLONE_NEWNS) != 0) return std::string("unshare(CLONE_NEWNS): ") + strerror(errno);
+  return MountOrWhy(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+}
+
 }  // namespace
 
 std::string EnterPrivateTmp() {
-  static const std::string result = [] {
-    std::string why = EnterMountNamespace();
-    if (why.empty()) why = MountOrWhy(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
-    return why.empty() ? MountOrWhy("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") : why;
-  }();
+  static const std::string why = EnterMountNamespace();
+  static const std::string result =
+      why.empty() ? MountOrWhy("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") : why;
   return result;
 }
 
@@ -94,8 +91,7 @@ std::string BindDevice(const std::string& root, const char* name) {
 
 std::string MountOverlay(const std::string& lower, const std::string& upper_base,
                          const std::string& target) {
-  const std::string upper = upper_base + "/upper";
-  const std::string work = upper_base + "/work";
+  const std::string upper = upper_base + "/upper", work = upper_base + "/work";
   for (const std::string& dir : {upper_base, upper, work}) mkdir(dir.c_str(), 0755);
   const std::string options = "lowerdir=" + lower + ",upperdir=" + upper + ",workdir=" + work;
   return MountOrWhy("overlay", target, "overlay", 0, options.c_str());
@@ -106,8 +102,6 @@ std::string MountOverlay(const std::string& lower, const std::string& upper_base
 // reaches the host.
 std::string BuildThrowawayRoot() {
   std::string why = EnterMountNamespace();
-  if (!why.empty()) return why;
-  why = MountOrWhy(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
   if (!why.empty()) return why;
   // The host's /tmp, reached through this descriptor once the staging tmpfs
   // covers it.
@@ -141,29 +135,13 @@ std::string BuildThrowawayRoot() {
 }  // namespace
 
 std::string EnterThrowawayRoot() {
-  static const std::string result = BuildThrowawayRoot();
-  return result;
+  static const std::string why = BuildThrowawayRoot();
+  return why;
 }
 
 std::vector<SyslogRecord>& SyslogRecords() {
   static std::vector<SyslogRecord> records;
   return records;
-}
-
-bool LimitAddressSpace(long headroom) {
-  long pages = 0;  // the first field of statm: the address space in pages
-  std::ifstream("/proc/self/statm") >> pages;
-  const rlimit limit = {static_cast<rlim_t>(pages * sysconf(_SC_PAGESIZE) + headroom),
-                        RLIM_INFINITY};
-  return setrlimit(RLIMIT_AS, &limit) == 0;
-}
-
-const char* AllocationFailureUnavailable() {
-#if defined(__SANITIZE_ADDRESS__)
-  return "AddressSanitizer cannot run under an address-space limit";
-#else
-  return "";
-#endif
 }
 
 }  // namespace testing_support
@@ -174,17 +152,11 @@ extern "C" void vsyslog(int priority, const char* format, va_list args) {
   testing_support::SyslogRecords().emplace_back(priority, text);
 }
 
-extern "C" void syslog(int priority, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  vsyslog(priority, format, args);
-  va_end(args);
-}
-
+#define FORWARD_TO_VSYSLOG    \
+  va_list args;                \
+  va_start(args, format);      \
+  vsyslog(priority, format, args); \
+  va_end(args)
+extern "C" void syslog(int priority, const char* format, ...) { FORWARD_TO_VSYSLOG; }
 // With _FORTIFY_SOURCE, syslog calls are compiled to this one.
-extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  vsyslog(priority, format, args);
-  va_end(args);
-}
+extern "C" void __syslog_chk(int priority, int, const char* format, ...) { FORWARD_TO_VSYSLOG; }
