@@ -152,9 +152,9 @@ extern "C" void vsyslog(int priority, const char* format, va_list args) {
   testing_support::SyslogRecords().emplace_back(priority, text);
 }
 
-#define FORWARD_TO_VSYSLOG    \
-  va_list args;                \
-  va_start(args, format);      \
+#define FORWARD_TO_VSYSLOG         \
+  va_list args;                    \
+  va_start(args, format);          \
   vsyslog(priority, format, args); \
   va_end(args)
 extern "C" void syslog(int priority, const char* format, ...) { FORWARD_TO_VSYSLOG; }
