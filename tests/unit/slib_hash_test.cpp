@@ -10,27 +10,7 @@ namespace {
 
 std::string Key(int i) { return "k" + std::to_string(100 + i).substr(1); }
 
-TEST(SlibHash, KeysLandOnTheirHomeSlotAndCollisionsProbeOnWrapping) {
-  // Home slot: the key's big-endian words summed modulo 2^32, modulo the slots.
-  SLIBSZHASH* hash = PshSLIBSzHashAlloc(100);
-  EXPECT_EQ(static_cast<int>(0xFEFFFFFFu % 31),
-            SLIBSzHashSetValue(&hash, "\xFF\xFF\xFF\xFF\xFF", ""));
-  EXPECT_EQ(0, SLIBSzHashClear(hash));
-  EXPECT_EQ(30, SLIBSzHashSetValue(&hash, "<", "1"));  // all three at home 30
-  EXPECT_EQ(0, SLIBSzHashSetValue(&hash, "[", "2"));
-  EXPECT_EQ(1, SLIBSzHashSetValue(&hash, "z", "3"));
-  EXPECT_EQ(512 - 12, hash->cbFree);
-  EXPECT_STREQ("2", SzSLIBSzHashRemoveKey(hash, "["));
-  EXPECT_STREQ("3", SzSLIBSzHashGetValue(hash, "z"));  // found past the deleted slot
-  EXPECT_EQ(0, SLIBSzHashSetValue(&hash, "[", "4"));   // which is reused
-  // A value not longer is written in place, a longer one takes new pool bytes.
-  EXPECT_EQ(1, SLIBSzHashSetValue(&hash, "z", ""));
-  EXPECT_EQ(512 - 16, hash->cbFree);
-  EXPECT_EQ(1, SLIBSzHashSetValue(&hash, "z", "333"));
-  EXPECT_EQ(512 - 20, hash->cbFree);
-  SLIBSzHashFree(hash);
-}
-
+// Home slot: the key's big-endian words summed modulo 2^32, modulo the slots.
 TEST(SlibHash, SlotsAndPoolGrowByTheirRules) {
   SLIBSZHASH* hash = PshSLIBSzHashAlloc(4096);
   for (int i = 0; i < 28; ++i) SLIBSzHashSetValue(&hash, Key(i).c_str(), "value");

@@ -66,27 +66,18 @@ std::string EnterMountNamespace() {
   return MountOrWhy(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
 }
 
-}  // namespace
-
-std::string EnterPrivateTmp() {
-  static const std::string why = EnterMountNamespace();
-  static const std::string result =
-      why.empty() ? MountOrWhy("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") : why;
-  return result;
-}
-
-namespace {
-
-constexpr char kThrowawayBase[] = "/tmp/.throwaway";
-
-std::string BindDevice(const std::string& root, const char* name) {
-  const std::string host = std::string("/dev/") + name;
-  if (access(host.c_str(), F_OK) != 0) return "";
-  const std::string target = root + "/dev/" + name;
-  const int fd = open(target.c_str(), O_WRONLY | O_CREAT, 0600);
-  if (fd < 0) return "cannot create " + target + ": " + strerror(errno);
-  close(fd);
-  return MountOrWhy(host.c_str(), target, nullptr, MS_BIND, nullptr);
+// The host's devices `names` bound onto files of the same names in `root`/dev.
+std::string BindDevices(const std::string& root, std::initializer_list<const char*> names) {
+  for (const char* name : names) {
+    const std::string host = std::string("/dev/") + name, target = root + host;
+    if (access(host.c_str(), F_OK) != 0) continue;
+    const int fd = open(target.c_str(), O_WRONLY | O_CREAT, 0600);
+    if (fd < 0) return "cannot create " + target + ": " + strerror(errno);
+    close(fd);
+    const std::string why = MountOrWhy(host.c_str(), target, nullptr, MS_BIND, nullptr);
+    if (!why.empty()) return why;
+  }
+  return "";
 }
 
 std::string MountOverlay(const std::string& lower, const std::string& upper_base,
@@ -107,21 +98,18 @@ std::string BuildThrowawayRoot() {
   // covers it.
   const int host_tmp = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (host_tmp < 0) return std::string("cannot open /tmp: ") + strerror(errno);
-  const std::string base = kThrowawayBase, root = base + "/root";
+  const std::string base = "/tmp/.throwaway", root = base + "/root";
   why = MountOrWhy("tmpfs", "/tmp", "tmpfs", 0, "mode=1777");
   mkdir(base.c_str(), 0755);
   mkdir(root.c_str(), 0755);
+  const std::string host_tmp_path = "/proc/self/fd/" + std::to_string(host_tmp);
   const std::function<std::string()> steps[] = {
       [&] { return MountOverlay("/", base + "/rootfs", root); },
-      [&] {
-        return MountOverlay("/proc/self/fd/" + std::to_string(host_tmp), base + "/tmpfs",
-                            root + "/tmp");
-      },
+      [&] { return MountOverlay(host_tmp_path, base + "/tmpfs", root + "/tmp"); },
       [&] { return MountOrWhy("tmpfs", root + "/dev", "tmpfs", 0, "mode=755"); },
       [&] { return MountOrWhy("/proc", root + "/proc", nullptr, MS_BIND | MS_REC, nullptr); },
       [&] {
-        return BindDevice(root, "null") + BindDevice(root, "zero") + BindDevice(root, "urandom") +
-               BindDevice(root, "fuse");
+        return BindDevices(root, {"null", "zero", "urandom", "fuse"});
       }};
   for (const auto& step : steps) why = why.empty() ? step() : why;
   close(host_tmp);
@@ -133,6 +121,13 @@ std::string BuildThrowawayRoot() {
 }
 
 }  // namespace
+
+std::string EnterPrivateTmp() {
+  static const std::string why = EnterMountNamespace();
+  static const std::string result =
+      why.empty() ? MountOrWhy("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") : why;
+  return result;
+}
 
 std::string EnterThrowawayRoot() {
   static const std::string why = BuildThrowawayRoot();
