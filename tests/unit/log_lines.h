@@ -35,21 +35,12 @@ inline std::string WithoutLineNumber(const std::string& message) {
   return message;
 }
 
-// The captured syslog records, in order, each message WithoutLineNumber.
-inline std::vector<SyslogRecord> LoggedRecords() {
-  std::vector<SyslogRecord> records;
-  for (const SyslogRecord& record : SyslogRecords()) {
-    records.emplace_back(record.first, WithoutLineNumber(record.second));
-  }
-  return records;
-}
-
 // The captured messages of `priority` (of every priority when it is
 // negative), in order, each WithoutLineNumber.
 inline std::vector<std::string> LoggedMessages(int priority = -1) {
   std::vector<std::string> messages;
-  for (const SyslogRecord& record : LoggedRecords()) {
-    if (priority < 0 || record.first == priority) messages.push_back(record.second);
+  for (const SyslogRecord& r : SyslogRecords()) {
+    if (priority < 0 || r.first == priority) messages.push_back(WithoutLineNumber(r.second));
   }
   return messages;
 }
@@ -59,9 +50,9 @@ inline std::vector<std::string> LoggedMessages(int priority = -1) {
 // an error line.
 inline std::vector<std::string> LoggedErrorLines() {
   std::vector<std::string> lines;
-  for (const SyslogRecord& r : LoggedRecords()) {
-    lines.push_back(r.first == LOG_ERR ? r.second
-                                       : "priority " + std::to_string(r.first) + ": " + r.second);
+  for (const SyslogRecord& r : SyslogRecords()) {
+    const std::string head = r.first == LOG_ERR ? "" : "priority " + std::to_string(r.first) + ": ";
+    lines.push_back(head + WithoutLineNumber(r.second));
   }
   return lines;
 }

@@ -1,7 +1,5 @@
 #include "lib/slib_codepage.h"
 
-#include <set>
-
 #include "test_support.h"
 
 namespace {
@@ -16,18 +14,6 @@ std::string Convert(char* (*convert)(char*, char*), const std::string& input) {
   EXPECT_EQ(&out[0], convert(&in[0], &out[0]));
   EXPECT_EQ(input, in);
   return out.c_str();
-}
-
-TEST(SlibCodepage, EveryTableCodeConvertsBothWaysOneToOne) {
-  const SLIBCODEPAIR* table = SLIBCodePageTable();
-  std::set<unsigned> codes;
-  for (int i = 0; i < SLIB_CODEPAGE_PAIRS; ++i) {
-    EXPECT_TRUE(codes.insert(table[i].wWindows).second && codes.insert(table[i].wAppliance).second);
-    const std::string w = "<" + Code(table[i].wWindows) + ">";
-    const std::string a = "<" + Code(table[i].wAppliance) + ">";
-    EXPECT_EQ(std::make_pair(a, w),
-              std::make_pair(Convert(SLIBStrFromWinCodePage, w), Convert(SLIBStrToWinCodePage, a)));
-  }
 }
 
 TEST(SlibCodepage, SingleBytesAndOtherCodesAreCopiedInPairAlignment) {

@@ -10,8 +10,8 @@ constexpr int kAll = SLIB_FILE_MATCH_ALL, kPrefix = SLIB_FILE_MATCH_PREFIX;
 constexpr int kSuffix = SLIB_FILE_MATCH_SUFFIX, kNoCase = SLIB_FILE_MATCH_NOCASE;
 
 TEST(SlibFileLine, LineMatchFollowsTheFlagTable) {
+  // {line, text, flags, match}
   const std::tuple<const char*, const char*, int, int> cases[] = {
-      // {line, text, flags, match}
       {"lock file = /x\n", "lock file =", 0, 1},
       {"pid file = x\n", "lock file =", 0, 0},
       {"\n", "", 0, 1},
@@ -48,8 +48,8 @@ TEST(SlibFileLine, LineMatchFollowsTheFlagTable) {
 }
 
 TEST(SlibFileLine, GetLineCopiesTheMatchingLineCutToTheBuffer) {
+  // {text, flags, size, result, buffer afterwards, error}
   const std::tuple<const char*, int, int, int, const char*, int> cases[] = {
-      // {text, flags, size, result, buffer afterwards, error}
       {"lock file =", 0, 64, 17, "lock file = /one", 0},
       {"lock file =", kAll, 64, 17, "lock file = /two", 0},
       {"log file", kNoCase, 64, 14, "Log File = /l", 0},

@@ -10,20 +10,21 @@
 
 namespace {
 
+using testing_support::Failure;
+using testing_support::FileExists;
 using testing_support::LongText;
 using testing_support::ReadFile;
+using testing_support::SyslogRecords;
 using testing_support::WithError;
 using testing_support::WriteFile;
 
 constexpr int kOk = 0x7777;  // no call sets it: shows that a success leaves the code alone
 
+// {file (null: none), key, flags, size, result, the buffer afterwards, error}
 struct GetCase {
-  const char* content;  // null: no file
-  const char* key;
-  int flags;
-  int size;
-  int result;
-  const char* value;  // the buffer afterwards
+  const char *content, *key;
+  int flags, size, result;
+  const char* value;
   int error;
 };
 
@@ -57,7 +58,7 @@ TEST(SlibFile, GetKeyValueFollowsTheLineRules) {
     EXPECT_EQ(std::make_pair(c.result, c.error),
               WithError(SLIBFileGetKeyValue(path.c_str(), c.key, c.size ? buffer : nullptr, c.size,
                                             c.flags)))
-        << (c.content ? c.content : "-") << c.size;
+        << &c - cases;
     EXPECT_STREQ(c.value, buffer);
   }
   const std::string value = LongText(20000, 'a');
@@ -65,21 +66,21 @@ TEST(SlibFile, GetKeyValueFollowsTheLineRules) {
   std::vector<char> big(value.size() + 1);
   EXPECT_EQ(20001, SLIBFileGetKeyValue(path.c_str(), "KEY", big.data(), 20001, 0));
   EXPECT_EQ(value, big.data());
-  EXPECT_EQ(testing_support::Failure(SLIB_ERR_READ),
+  EXPECT_EQ(Failure(SLIB_ERR_READ),
             WithError(SLIBFileGetKeyValue(dir.path().c_str(), "KEY", big.data(), 8, 0)));
 }
 
 enum Call { kSetKey, kSetQuotedForm, kSetQuoted, kSetKeys, kSetKeysQuoted, kSetLine, kAddLine };
 
+// {file before (null: none), call, key or search text, value or new line, flags, file after,
+//  result, error}
 struct WriteCase {
-  const char* before;  // null: no file
+  const char* before;
   Call call;
-  const char* text;   // the key, or the search text
-  const char* value;  // the value, or the new line
+  const char *text, *value;
   int flags;
-  const char* after;  // null: no file
-  int result;
-  int error;
+  const char* after;
+  int result, error;
 };
 
 int Apply(const WriteCase& c, const char* path) {
@@ -143,11 +144,9 @@ TEST(SlibFile, WritersChangeExactlyWhatTheySay) {
     unlink(path.c_str());
     if (c.before != nullptr) WriteFile(path, c.before);
     SLIBCErrSet(kOk);
-    EXPECT_EQ(std::make_pair(c.result, c.error), WithError(Apply(c, path.c_str())))
-        << (c.before ? c.before : "-") << " / " << (c.text ? c.text : "-") << " / "
-        << (c.value ? c.value : "-");
+    EXPECT_EQ(std::make_pair(c.result, c.error), WithError(Apply(c, path.c_str()))) << &c - cases;
     EXPECT_EQ(c.after != nullptr ? c.after : "<missing>", ReadFile(path));
-    EXPECT_FALSE(testing_support::FileExists(path + ".tmp"));
+    EXPECT_FALSE(FileExists(path + ".tmp"));
   }
   WriteFile(path, "log line");
   EXPECT_EQ(0, SLIBFileAppendLine(path.c_str(), "next") + SLIBFileAppendLine(path.c_str(), ""));
@@ -181,28 +180,28 @@ TEST(SlibFile, FailedRewritesLeaveTheFileAlone) {
   ASSERT_EQ(0, mount("tmpfs", "/tmp/tiny", "tmpfs", 0, "size=64k"));  // fills up quickly
   const std::string content = "A=1\nKEY=old\nPAD=" + LongText(40000, 'a') + "\n";
   WriteFile("/tmp/tiny/conf", content);
-  EXPECT_EQ(testing_support::Failure(SLIB_ERR_WRITE),
+  EXPECT_EQ(Failure(SLIB_ERR_WRITE),
             WithError(SLIBFileSetKeyValue("/tmp/tiny/conf", "KEY", "new", nullptr)));
   SLIBSZHASH* hash = PshSLIBSzHashAlloc(512);
   SLIBSzHashSetValue(&hash, "KEY", LongText(60000, 'b').c_str());
-  testing_support::SyslogRecords().clear();
+  SyslogRecords().clear();
   EXPECT_EQ(-1, SLIBFileSetKeys("/tmp/tiny/conf", hash, nullptr));
   SLIBSzHashFree(hash);
   EXPECT_EQ(content, ReadFile("/tmp/tiny/conf"));
-  EXPECT_FALSE(testing_support::FileExists("/tmp/tiny/conf.tmp"));
+  EXPECT_FALSE(FileExists("/tmp/tiny/conf.tmp"));
   EXPECT_EQ(
       "SLIBFileSetKeys(): \t\t\t\t   SLIBILineKeyMoveHash2File(pfTmp, szBuf, pHash, "
       "szFormat) failed! \t\t\t\t   szBuf=KEY=old\n, szFormat=(null)",
-      testing_support::SyslogRecords().at(0).second);
+      SyslogRecords().at(0).second);
   umount2("/tmp/tiny", MNT_DETACH);
   WriteFile("/tmp/conf", "A=1\n");
   ASSERT_EQ(0, mkdir("/tmp/conf.tmp", 0755));
-  EXPECT_EQ(testing_support::Failure(SLIB_ERR_OPEN),
+  EXPECT_EQ(Failure(SLIB_ERR_OPEN),
             WithError(SLIBFileSetKeyValue("/tmp/conf", "KEY", "new", nullptr)));
   EXPECT_EQ(-2, SLIBFileAddLine("/tmp/conf", nullptr, "X", 0) +
                     SLIBFileSetLine("/tmp/conf", "A", "X", 0));
   EXPECT_EQ("A=1\n", ReadFile("/tmp/conf"));
-  EXPECT_EQ(testing_support::Failure(SLIB_ERR_BAD_ARGUMENT),
+  EXPECT_EQ(Failure(SLIB_ERR_BAD_ARGUMENT),
             WithError(SLIBFileSetKeyValue("/tmp", "KEY", "v", nullptr)));
 }
 
@@ -222,7 +221,7 @@ TEST(SlibFile, GetSectionReadsTheKeysOfTheFirstMatchingSection) {
     entries += std::string(key) + "=" + (value ? value : "-") + ";";
   }
   EXPECT_EQ("path=/v/b;read only=no;empty=;# c=no;lower=-;b=-;x=-;top=-;", entries);
-  EXPECT_EQ(testing_support::Failure(SLIB_ERR_OPEN),
+  EXPECT_EQ(Failure(SLIB_ERR_OPEN),
             WithError(SLIBFileGetSection(dir.File("missing").c_str(), "a", &hash)));
   SLIBSzHashFree(hash);
 }

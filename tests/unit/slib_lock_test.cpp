@@ -9,6 +9,8 @@
 
 namespace {
 
+using testing_support::Failure;
+using testing_support::ReadFile;
 using testing_support::WithError;
 
 constexpr int kExNb = SLIB_LOCK_EX | SLIB_LOCK_NB;
@@ -60,7 +62,7 @@ TEST_F(SlibLock, EachBitLocksItsFileInTheDirectoryMadeFirst) {
   EXPECT_EQ(040755u, stat("/tmp/lock", &st) == 0 ? st.st_mode : 0);
   int all = 0;
   for (const auto& file : kLockFiles) {
-    EXPECT_EQ("", testing_support::ReadFile("/tmp/lock/lock_" + file.second));
+    EXPECT_EQ("", ReadFile("/tmp/lock/lock_" + file.second));
     ASSERT_EQ(0, ErrSLIBFileLock(file.first | kExNb, 0));
     EXPECT_EQ(file.first | SLIB_LOCK_HOTSWAP, Busy()) << file.second;
     EXPECT_EQ(0, file.first != SLIB_LOCK_HOTSWAP ? ErrSLIBFileUnlock(file.first) : 0);
@@ -71,8 +73,7 @@ TEST_F(SlibLock, EachBitLocksItsFileInTheDirectoryMadeFirst) {
   ASSERT_EQ(0, ErrSLIBFileUnlock(all) + unlink("/tmp/lock/lock_fstab"));
   testing_support::WriteFile("/tmp/lock/lock_pw", "kept");
   ASSERT_EQ(0, ErrSLIBFileLock(kGr | kExNb, 0));
-  EXPECT_EQ("", testing_support::ReadFile("/tmp/lock/lock_fstab"));  // made again
-  EXPECT_EQ("kept", testing_support::ReadFile("/tmp/lock/lock_pw"));
+  EXPECT_EQ("+kept", ReadFile("/tmp/lock/lock_fstab") + "+" + ReadFile("/tmp/lock/lock_pw"));
 }
 
 TEST_F(SlibLock, BusyLocksAreRetriedEvery50msUntilTheTimeOut) {
@@ -99,9 +100,8 @@ TEST_F(SlibLock, NestedLocksNeedAsManyUnlocksAndFailuresGiveBackWhatTheyTook) {
   EXPECT_EQ(kPw | kGr, Busy());
   close(holder);
   EXPECT_EQ(kLocked, WithError(ErrSLIBFileLock(0x1000000 | kGr | kExNb, 0)));  // not in the table
-  EXPECT_EQ(kPw, Busy());
   ASSERT_EQ(0, ErrSLIBFileUnlock(kPw));
-  EXPECT_EQ(kPw, Busy());
+  EXPECT_EQ(kPw, Busy());  // gr given back, pw still held once
   ASSERT_EQ(0, ErrSLIBFileUnlock(kPw));
   EXPECT_EQ(0, Busy());
   // An exclusive request on a lock this process holds shared is refused at once.
@@ -129,18 +129,17 @@ TEST_F(SlibLock, UnlockAllAndKeepAreForChildrenAfterFork) {
   EXPECT_EQ(kPw | kGr | kSmb, Busy());
   EXPECT_EQ(0, SLIBFileLockKeep(kPw | kSmb | SLIB_LOCK_HOST));
   EXPECT_EQ(kPw | kSmb, Busy());
-  EXPECT_EQ(0, ErrSLIBFileUnlock(kPw));
+  ASSERT_EQ(0, ErrSLIBFileUnlock(kPw));
   EXPECT_EQ(kSmb, Busy());
   EXPECT_EQ(0, SLIBFileUnlockAll() + Busy());
 }
 
 TEST_F(SlibLock, UnusableLockDirectoryOrFileFails) {
   testing_support::WriteFile("/tmp/lock", "not a directory");
-  EXPECT_EQ(testing_support::Failure(SLIB_ERR_LOCK_DIR),
-            WithError(ErrSLIBFileLock(kPw | kExNb, 0)));
-  EXPECT_EQ("not a directory", testing_support::ReadFile("/tmp/lock"));
+  EXPECT_EQ(Failure(SLIB_ERR_LOCK_DIR), WithError(ErrSLIBFileLock(kPw | kExNb, 0)));
+  EXPECT_EQ("not a directory", ReadFile("/tmp/lock"));
   ASSERT_EQ(0, unlink("/tmp/lock") + mkdir("/tmp/lock", 0755) + mkdir("/tmp/lock/lock_smb", 0755));
-  EXPECT_EQ(testing_support::Failure(SLIB_ERR_OPEN), WithError(ErrSLIBFileLock(kPw | kExNb, 0)));
+  EXPECT_EQ(Failure(SLIB_ERR_OPEN), WithError(ErrSLIBFileLock(kPw | kExNb, 0)));
 }
 
 }  // namespace

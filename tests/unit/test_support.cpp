@@ -8,7 +8,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -55,47 +54,35 @@ std::string LongText(size_t length, char first) {
 
 namespace {
 
-// Tests run as root: a mount namespace of their own is all they need.
-std::string EnterMountNamespace() {
-  if (unshare(CLONE_NEWNS) == 0) return "";
-  return std::string("unshare(CLONE_NEWNS): ") + strerror(errno);
-}
-
 std::string MountOrWhy(const char* source, const std::string& target, const char* type,
                        unsigned long flags, const char* data) {
   if (mount(source, target.c_str(), type, flags, data) == 0) return "";
   return "cannot mount " + target + ": " + strerror(errno);
 }
 
-}  // namespace
-
-std::string EnterPrivateTmp() {
-  static const std::string result = [] {
-    std::string why = EnterMountNamespace();
-    if (why.empty()) why = MountOrWhy(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
-    return why.empty() ? MountOrWhy("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") : why;
-  }();
-  return result;
+// Tests run as root: a private mount namespace of their own is all they need.
+std::string EnterMountNamespace() {
+  if (unshare(CLONE_NEWNS) != 0) return std::string("unshare(CLONE_NEWNS): ") + strerror(errno);
+  return MountOrWhy(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
 }
 
-namespace {
-
-constexpr char kThrowawayBase[] = "/tmp/.throwaway";
-
-std::string BindDevice(const std::string& root, const char* name) {
-  const std::string host = std::string("/dev/") + name;
-  if (access(host.c_str(), F_OK) != 0) return "";
-  const std::string target = root + "/dev/" + name;
-  const int fd = open(target.c_str(), O_WRONLY | O_CREAT, 0600);
-  if (fd < 0) return "cannot create " + target + ": " + strerror(errno);
-  close(fd);
-  return MountOrWhy(host.c_str(), target, nullptr, MS_BIND, nullptr);
+// The host's devices `names` bound onto files of the same names in `root`/dev.
+std::string BindDevices(const std::string& root, std::initializer_list<const char*> names) {
+  for (const char* name : names) {
+    const std::string host = std::string("/dev/") + name, target = root + host;
+    if (access(host.c_str(), F_OK) != 0) continue;
+    const int fd = open(target.c_str(), O_WRONLY | O_CREAT, 0600);
+    if (fd < 0) return "cannot create " + target + ": " + strerror(errno);
+    close(fd);
+    const std::string why = MountOrWhy(host.c_str(), target, nullptr, MS_BIND, nullptr);
+    if (!why.empty()) return why;
+  }
+  return "";
 }
 
 std::string MountOverlay(const std::string& lower, const std::string& upper_base,
                          const std::string& target) {
-  const std::string upper = upper_base + "/upper";
-  const std::string work = upper_base + "/work";
+  const std::string upper = upper_base + "/upper", work = upper_base + "/work";
   for (const std::string& dir : {upper_base, upper, work}) mkdir(dir.c_str(), 0755);
   const std::string options = "lowerdir=" + lower + ",upperdir=" + upper + ",workdir=" + work;
   return MountOrWhy("overlay", target, "overlay", 0, options.c_str());
@@ -107,27 +94,22 @@ std::string MountOverlay(const std::string& lower, const std::string& upper_base
 std::string BuildThrowawayRoot() {
   std::string why = EnterMountNamespace();
   if (!why.empty()) return why;
-  why = MountOrWhy(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
-  if (!why.empty()) return why;
   // The host's /tmp, reached through this descriptor once the staging tmpfs
   // covers it.
   const int host_tmp = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (host_tmp < 0) return std::string("cannot open /tmp: ") + strerror(errno);
-  const std::string base = kThrowawayBase, root = base + "/root";
+  const std::string base = "/tmp/.throwaway", root = base + "/root";
   why = MountOrWhy("tmpfs", "/tmp", "tmpfs", 0, "mode=1777");
   mkdir(base.c_str(), 0755);
   mkdir(root.c_str(), 0755);
+  const std::string host_tmp_path = "/proc/self/fd/" + std::to_string(host_tmp);
   const std::function<std::string()> steps[] = {
       [&] { return MountOverlay("/", base + "/rootfs", root); },
-      [&] {
-        return MountOverlay("/proc/self/fd/" + std::to_string(host_tmp), base + "/tmpfs",
-                            root + "/tmp");
-      },
+      [&] { return MountOverlay(host_tmp_path, base + "/tmpfs", root + "/tmp"); },
       [&] { return MountOrWhy("tmpfs", root + "/dev", "tmpfs", 0, "mode=755"); },
       [&] { return MountOrWhy("/proc", root + "/proc", nullptr, MS_BIND | MS_REC, nullptr); },
       [&] {
-        return BindDevice(root, "null") + BindDevice(root, "zero") + BindDevice(root, "urandom") +
-               BindDevice(root, "fuse");
+        return BindDevices(root, {"null", "zero", "urandom", "fuse"});
       }};
   for (const auto& step : steps) why = why.empty() ? step() : why;
   close(host_tmp);
@@ -140,30 +122,21 @@ std::string BuildThrowawayRoot() {
 
 }  // namespace
 
-std::string EnterThrowawayRoot() {
-  static const std::string result = BuildThrowawayRoot();
+std::string EnterPrivateTmp() {
+  static const std::string why = EnterMountNamespace();
+  static const std::string result =
+      why.empty() ? MountOrWhy("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") : why;
   return result;
+}
+
+std::string EnterThrowawayRoot() {
+  static const std::string why = BuildThrowawayRoot();
+  return why;
 }
 
 std::vector<SyslogRecord>& SyslogRecords() {
   static std::vector<SyslogRecord> records;
   return records;
-}
-
-bool LimitAddressSpace(long headroom) {
-  long pages = 0;  // the first field of statm: the address space in pages
-  std::ifstream("/proc/self/statm") >> pages;
-  const rlimit limit = {static_cast<rlim_t>(pages * sysconf(_SC_PAGESIZE) + headroom),
-                        RLIM_INFINITY};
-  return setrlimit(RLIMIT_AS, &limit) == 0;
-}
-
-const char* AllocationFailureUnavailable() {
-#if defined(__SANITIZE_ADDRESS__)
-  return "AddressSanitizer cannot run under an address-space limit";
-#else
-  return "";
-#endif
 }
 
 }  // namespace testing_support
@@ -174,17 +147,11 @@ extern "C" void vsyslog(int priority, const char* format, va_list args) {
   testing_support::SyslogRecords().emplace_back(priority, text);
 }
 
-extern "C" void syslog(int priority, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  vsyslog(priority, format, args);
-  va_end(args);
-}
-
+#define FORWARD_TO_VSYSLOG         \
+  va_list args;                    \
+  va_start(args, format);          \
+  vsyslog(priority, format, args); \
+  va_end(args)
+extern "C" void syslog(int priority, const char* format, ...) { FORWARD_TO_VSYSLOG; }
 // With _FORTIFY_SOURCE, syslog calls are compiled to this one.
-extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  vsyslog(priority, format, args);
-  va_end(args);
-}
+extern "C" void __syslog_chk(int priority, int, const char* format, ...) { FORWARD_TO_VSYSLOG; }

@@ -80,15 +80,6 @@ std::string EnterThrowawayRoot();
 using SyslogRecord = std::pair<int, std::string>;
 std::vector<SyslogRecord>& SyslogRecords();
 
-// Limits this process's address space to what it uses now plus `headroom`
-// bytes, so that larger allocations fail; for death-test children only.
-// False when the limit cannot be set.
-bool LimitAddressSpace(long headroom);
-
-// Why allocation failures cannot be provoked in this build, or "" when they
-// can (AddressSanitizer reserves far more address space than any limit).
-const char* AllocationFailureUnavailable();
-
 // Stands in for the library's retry pauses (SLIBPause) while it lives: a
 // pause returns at once and is recorded, after `on_pause` has run with the
 // number of pauses before it. Tests count the waits instead of sleeping.
