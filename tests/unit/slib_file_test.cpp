@@ -12,6 +12,7 @@ namespace {
 
 using testing_support::Failure;
 using testing_support::FileExists;
+using testing_support::InOrder;
 using testing_support::LongText;
 using testing_support::ReadFile;
 using testing_support::SyslogRecords;
@@ -149,7 +150,8 @@ TEST(SlibFile, WritersChangeExactlyWhatTheySay) {
     EXPECT_FALSE(FileExists(path + ".tmp"));
   }
   WriteFile(path, "log line");
-  EXPECT_EQ(0, SLIBFileAppendLine(path.c_str(), "next") + SLIBFileAppendLine(path.c_str(), ""));
+  EXPECT_EQ(
+      0, InOrder({SLIBFileAppendLine(path.c_str(), "next"), SLIBFileAppendLine(path.c_str(), "")}));
   EXPECT_EQ("log line\nnext\n\n", ReadFile(path));
   EXPECT_EQ(0, SLIBFileTruncate(path.c_str()));
   EXPECT_EQ("", ReadFile(path));

@@ -10,6 +10,7 @@
 namespace {
 
 using testing_support::Failure;
+using testing_support::InOrder;
 using testing_support::ReadFile;
 using testing_support::WithError;
 
@@ -68,7 +69,8 @@ TEST_F(SlibLock, EachBitLocksItsFileInTheDirectoryMadeFirst) {
     EXPECT_EQ(0, file.first != SLIB_LOCK_HOTSWAP ? ErrSLIBFileUnlock(file.first) : 0);
     all |= file.first;
   }
-  ASSERT_EQ(0, ErrSLIBFileUnlock(all) + ErrSLIBFileUnlock(all) + ErrSLIBFileLock(all | 1, 0));
+  ASSERT_EQ(0,
+            InOrder({ErrSLIBFileUnlock(all), ErrSLIBFileUnlock(all), ErrSLIBFileLock(all | 1, 0)}));
   EXPECT_EQ(std::make_pair(all, 0), std::make_pair(Busy(), Busy(LOCK_SH)));  // shared
   ASSERT_EQ(0, ErrSLIBFileUnlock(all) + unlink("/tmp/lock/lock_fstab"));
   testing_support::WriteFile("/tmp/lock/lock_pw", "kept");
@@ -77,7 +79,7 @@ TEST_F(SlibLock, EachBitLocksItsFileInTheDirectoryMadeFirst) {
 }
 
 TEST_F(SlibLock, BusyLocksAreRetriedEvery50msUntilTheTimeOut) {
-  ASSERT_EQ(0, ErrSLIBFileLock(kPw | kExNb, 0) + ErrSLIBFileUnlock(kPw));
+  ASSERT_EQ(0, InOrder({ErrSLIBFileLock(kPw | kExNb, 0), ErrSLIBFileUnlock(kPw)}));
   static int holder = Hold("smb");
   {
     testing_support::PauseRecorder recorder;
@@ -94,7 +96,7 @@ TEST_F(SlibLock, BusyLocksAreRetriedEvery50msUntilTheTimeOut) {
 }
 
 TEST_F(SlibLock, NestedLocksNeedAsManyUnlocksAndFailuresGiveBackWhatTheyTook) {
-  ASSERT_EQ(0, ErrSLIBFileLock(kPw | kExNb, 0) + ErrSLIBFileLock(kPw | kExNb, 0));
+  ASSERT_EQ(0, InOrder({ErrSLIBFileLock(kPw | kExNb, 0), ErrSLIBFileLock(kPw | kExNb, 0)}));
   const int holder = Hold("gr");
   EXPECT_EQ(kLocked, WithError(ErrSLIBFileLock(SLIB_LOCK_VELTINFO | kPw | kGr | kSmb | kExNb, 0)));
   EXPECT_EQ(kPw | kGr, Busy());
@@ -109,12 +111,12 @@ TEST_F(SlibLock, NestedLocksNeedAsManyUnlocksAndFailuresGiveBackWhatTheyTook) {
   testing_support::PauseRecorder recorder;
   EXPECT_EQ(kLocked, WithError(ErrSLIBFileLock(SLIB_LOCK_VELTINFO | kPw | kExNb, 5)));
   EXPECT_EQ(std::make_pair(size_t{0}, kPw), std::make_pair(recorder.pauses.size(), Busy()));
-  EXPECT_EQ(0, Busy(LOCK_SH) + ErrSLIBFileUnlock(kPw) + Busy());
+  EXPECT_EQ(0, InOrder({Busy(LOCK_SH), ErrSLIBFileUnlock(kPw), Busy()}));
 }
 
 TEST_F(SlibLock, UnlockAllAndKeepAreForChildrenAfterFork) {
-  ASSERT_EQ(0,
-            ErrSLIBFileLock(kPw | kGr | kSmb | kExNb, 0) + ErrSLIBFileLock(kPw | kGr | kExNb, 0));
+  ASSERT_EQ(0, InOrder({ErrSLIBFileLock(kPw | kGr | kSmb | kExNb, 0),
+                        ErrSLIBFileLock(kPw | kGr | kExNb, 0)}));
   // The child inherits the table and believes it holds the locks until it lets them go.
   const pid_t child = fork();
   if (child == 0) {
@@ -131,7 +133,7 @@ TEST_F(SlibLock, UnlockAllAndKeepAreForChildrenAfterFork) {
   EXPECT_EQ(kPw | kSmb, Busy());
   ASSERT_EQ(0, ErrSLIBFileUnlock(kPw));
   EXPECT_EQ(kSmb, Busy());
-  EXPECT_EQ(0, SLIBFileUnlockAll() + Busy());
+  EXPECT_EQ(0, InOrder({SLIBFileUnlockAll(), Busy()}));
 }
 
 TEST_F(SlibLock, UnusableLockDirectoryOrFileFails) {

@@ -7,6 +7,7 @@
 
 namespace {
 
+using testing_support::InOrder;
 using testing_support::WithError;
 
 TEST(SlibStr, TrimSpaceRemovesBlanksAndOnePairOfQuotes) {
@@ -51,7 +52,8 @@ TEST(SlibStr, SplittingPushesTheTokens) {
   EXPECT_EQ(1, SLIBStrSep("", ",", &list));
   EXPECT_EQ(0, SLIBStrSplitKeyValue(" key = \"a=b\" ", &list));
   EXPECT_EQ(0, SLIBStrSplitKeyValue("k=", &list));
-  EXPECT_EQ(-1, SLIBStrSplitKeyValue(" =v", &list) + SLIBStrSplitKeyValue("no equals", &list) + 1);
+  EXPECT_EQ(-1, InOrder({SLIBStrSplitKeyValue(" =v", &list),
+                         SLIBStrSplitKeyValue("no equals", &list), 1}));
   std::string items;
   for (int i = 0; i < list->nItem; ++i) items += std::string(SzSLIBSzListGet(list, i)) + "|";
   EXPECT_EQ("|a||b||key|a=b|k||", items);

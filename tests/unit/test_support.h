@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <numeric>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -21,6 +22,10 @@ namespace testing_support {
 // value and error code in one expectation.
 inline std::pair<int, int> WithError(int result) { return {result, SLIBCErrGet()}; }
 inline std::pair<int, int> Failure(int code) { return {-1, code}; }
+// The sum of calls made left to right (a braced list is evaluated in order; `a() + b()` is not).
+inline int InOrder(std::initializer_list<int> results) {
+  return std::accumulate(results.begin(), results.end(), 0);
+}
 // The same as text, "result/code" with the code in hex ("-1/D00"), for lists of outcomes.
 inline std::string Outcome(int result) {
   return std::to_string(result) + "/" +

@@ -14,6 +14,7 @@
 
 namespace {
 
+using testing_support::InOrder;
 using testing_support::ReadFile;
 using testing_support::WriteFile;
 
@@ -279,7 +280,7 @@ TEST_F(VeltLog, ChangeSizeKeepsTheNewestRecordsThatFit) {
   ASSERT_LT(At32(kCopyLog, 12), At32(kCopyLog, 8));  // wrapped
   ASSERT_EQ(0, VELTLogChangeSize(1000, 6));
   EXPECT_EQ(Range(130, 139), Sequence(6));
-  EXPECT_EQ(-1, VELTLogChangeSize(15, 6) + VELTLogChangeSize(16, 6));
+  EXPECT_EQ(-1, InOrder({VELTLogChangeSize(15, 6), VELTLogChangeSize(16, 6)}));
   EXPECT_EQ(kEmptyRing, ReadFile(kCopyLog));
   unlink(kCopyLog);
   EXPECT_EQ(0, VELTLogChangeSize(1000, 6));

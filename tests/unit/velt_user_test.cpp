@@ -10,6 +10,7 @@
 
 namespace {
 
+using testing_support::InOrder;
 using testing_support::ReadFile;
 using testing_support::WithError;
 using testing_support::WriteFile;
@@ -136,7 +137,7 @@ TEST_F(VeltUser, FailedOrLockedRewritesLeaveTheFilesAlone) {
   EXPECT_EQ(kPasswd, ReadFile(VELT_PASSWD_FILE));
   EXPECT_FALSE(testing_support::FileExists(VELT_PASSWD_FILE ".tmp"));
   WriteFile(VELT_SHADOW_FILE, "root::1:::::\n");  // no line of the user: left alone
-  EXPECT_EQ(1, rmdir(VELT_SHADOW_FILE ".tmp") + VELTUserSet("anonymous", &change));
+  EXPECT_EQ(1, InOrder({rmdir(VELT_SHADOW_FILE ".tmp"), VELTUserSet("anonymous", &change)}));
   EXPECT_EQ("root::1:::::\n", ReadFile(VELT_SHADOW_FILE));
   EXPECT_EQ(nullptr, getpwnam("anonymous"));  // the system's own look-up agrees
   EXPECT_EQ(1030u, getpwnam("anon") ? getpwnam("anon")->pw_uid : 0);
