@@ -86,7 +86,7 @@ TEST_F(FileCopy, FailedOpenReadOrWriteFailsTheCopy) {
   EXPECT_EQ("-1|(UPDTCopyFile) write file [/tmp/device] error: (0) Success.",
             copy_under_limit(5000));
   EXPECT_EQ(Image(5000), ReadFile(kDevice));
-  ASSERT_EQ(0, unlink(kImage) + mkdir(kImage, 0755));
+  ASSERT_EQ(0, testing_support::InOrder({unlink(kImage), mkdir(kImage, 0755)}));
   EXPECT_EQ("-1|(UPDTCopyFile) read file [/tmp/image] error: (21) Is a directory.",
             Outcome(Copy(3, 16)));
   EXPECT_EQ(Image(5000), ReadFile(kDevice));

@@ -72,7 +72,7 @@ TEST_F(SlibLock, EachBitLocksItsFileInTheDirectoryMadeFirst) {
   ASSERT_EQ(0,
             InOrder({ErrSLIBFileUnlock(all), ErrSLIBFileUnlock(all), ErrSLIBFileLock(all | 1, 0)}));
   EXPECT_EQ(std::make_pair(all, 0), std::make_pair(Busy(), Busy(LOCK_SH)));  // shared
-  ASSERT_EQ(0, ErrSLIBFileUnlock(all) + unlink("/tmp/lock/lock_fstab"));
+  ASSERT_EQ(0, InOrder({ErrSLIBFileUnlock(all), unlink("/tmp/lock/lock_fstab")}));
   testing_support::WriteFile("/tmp/lock/lock_pw", "kept");
   ASSERT_EQ(0, ErrSLIBFileLock(kGr | kExNb, 0));
   EXPECT_EQ("+kept", ReadFile("/tmp/lock/lock_fstab") + "+" + ReadFile("/tmp/lock/lock_pw"));
@@ -140,7 +140,8 @@ TEST_F(SlibLock, UnusableLockDirectoryOrFileFails) {
   testing_support::WriteFile("/tmp/lock", "not a directory");
   EXPECT_EQ(Failure(SLIB_ERR_LOCK_DIR), WithError(ErrSLIBFileLock(kPw | kExNb, 0)));
   EXPECT_EQ("not a directory", ReadFile("/tmp/lock"));
-  ASSERT_EQ(0, unlink("/tmp/lock") + mkdir("/tmp/lock", 0755) + mkdir("/tmp/lock/lock_smb", 0755));
+  ASSERT_EQ(0, InOrder({unlink("/tmp/lock"), mkdir("/tmp/lock", 0755),
+                        mkdir("/tmp/lock/lock_smb", 0755)}));
   EXPECT_EQ(Failure(SLIB_ERR_OPEN), WithError(ErrSLIBFileLock(kPw | kExNb, 0)));
 }
 

@@ -53,7 +53,9 @@ TEST(SlibProc, CountByNameSeesRunningProcessesButNotItsOwnSearch) {
   const pid_t sleeper = fork();
   if (sleeper == 0) execl(program.c_str(), program.c_str(), "300", static_cast<char*>(nullptr));
   char ignored;
-  ASSERT_EQ(0, close(ready[1]) + read(ready[0], &ignored, 1));  // closed by the exec
+  ASSERT_EQ(0, testing_support::InOrder(
+                   {close(ready[1]),
+                    static_cast<int>(read(ready[0], &ignored, 1))}));  // closed by the exec
   // A link planted at the listing's old fixed name is not followed.
   ASSERT_EQ(0, symlink("/tmp/planted", ("/tmp/tempSLIBPs" + std::to_string(getpid())).c_str()));
   EXPECT_EQ(1, SLIBProcCountByName(name.c_str()));
@@ -65,7 +67,8 @@ TEST(SlibProc, CountByNameSeesRunningProcessesButNotItsOwnSearch) {
   ASSERT_EQ(0, mount(nullptr, "/tmp", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
   EXPECT_EQ(testing_support::Failure(SLIB_ERR_READ),
             testing_support::WithError(SLIBProcCountByName("init")));
-  ASSERT_EQ(0, mount(nullptr, "/tmp", nullptr, MS_REMOUNT, nullptr) + unlink(program.c_str()));
+  ASSERT_EQ(0, testing_support::InOrder({mount(nullptr, "/tmp", nullptr, MS_REMOUNT, nullptr),
+                                         unlink(program.c_str())}));
 }
 
 }  // namespace

@@ -294,7 +294,7 @@ TEST_F(VeltLog, SetSizeWritesTheKey) {
   EXPECT_NE(std::string::npos, conf.find("\nconnlogfilesize_MAX=\t\"4096\"\nbkplogfile\t"));
   ASSERT_EQ(0, VELTLogSetSize("newkey_MAX", "1"));
   EXPECT_EQ(conf + "newkey_MAX=\t\"1\"\n", ReadFile(kConf));
-  ASSERT_EQ(0, unlink(kConf) + mkdir(kConf, 0755));
+  ASSERT_EQ(0, InOrder({unlink(kConf), mkdir(kConf, 0755)}));
   EXPECT_EQ(-1, VELTLogSetSize("syslogfilesize_MAX", "100"));
   EXPECT_TRUE(Logged(LOG_ERR, "error occured in setkeyvalue in /etc/veltlog.conf."));
   rmdir(kConf);
