@@ -71,36 +71,6 @@ inline flashsim::ChipState NorChip(const std::string& dir) {
   return state;
 }
 
-// The M-Systems flash disk: 967 units of 16384 bytes, three partitions of
-// 4, 8 and 2 units one after another; partition i is filled with 0x10 + i.
-inline flashsim::ChipState MSysChip(const std::string& dir) {
-  flashsim::ChipState state;
-  state.dir = dir;
-  flashsim::ChipLayout& layout = state.layout;
-  layout.kind = flashsim::ChipKind::kMSys;
-  layout.chip_base = 0;
-  layout.erase_size = flashsim::kMSysUnitSize;
-  layout.chip_size = flashsim::kMSysUnits * flashsim::kMSysUnitSize;
-  const uint32_t units[] = {4, 8, 2};
-  uint32_t base = 0;
-  for (int i = 0; i < 3; ++i) {
-    flashsim::PartitionLayout partition =
-        Partition(i, "part" + std::to_string(i), base, units[i] * flashsim::kMSysUnitSize);
-    partition.data_length = 1000u * static_cast<uint32_t>(i + 1);
-    partition.has_data_length = true;
-    layout.partitions.push_back(partition);
-    base += partition.size;
-  }
-  state.image.assign(layout.chip_size, 0xFF);
-  for (const flashsim::PartitionLayout& partition : layout.partitions) {
-    std::fill(state.image.begin() + partition.base,
-              state.image.begin() + partition.base + partition.size,
-              static_cast<uint8_t>(0x10 + partition.index));
-  }
-  state.locked.assign(layout.BlockCount(), 0);
-  return state;
-}
-
 // Deterministic image contents: xorshift32 bytes from `seed`.
 inline std::string ImageBytes(uint32_t seed, size_t length) {
   std::string bytes(length, '\0');
