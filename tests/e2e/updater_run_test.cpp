@@ -27,7 +27,7 @@ using Lines = std::vector<std::string>;
 
 constexpr char kStart[] = "Start of the update...";
 constexpr char kDone[] = "Congratulation!! The update has been completed!!";
-constexpr char kDatabase[] = "/usr/velt/etc/rc.d/S20pgsql.sh";
+const std::string kDatabase = "/usr/velt/etc/rc.d/S20pgsql.sh";
 constexpr char kK77[] = "veltara_powerpc_k77g+_1hd";
 const std::string kPkg = sandbox::kPackageDir;
 
@@ -170,7 +170,7 @@ std::vector<Case> Cases() {
       // database.
       {"JuniorNeverAppliesTheRebootRule", "junior6", OldSystemWithInitrd, WithUptime(301), 0,
        "R:0:", {kStart, Upgrade("350"), kDone}, kUpdatedAnyServices,
-       {std::string(kDatabase) + " start"}},
+       {kDatabase + " start"}},
       // An old build whose FTP passive range is too wide; a directory holds
       // the settings' temporary file name.
       {"FailedFtpPortRangeStepEndsWith21", "nor8",
@@ -221,7 +221,7 @@ std::vector<Case> Cases() {
        Then("ifconfig eth0 mtu 9000 && $U", "ifconfig eth0 | grep -o 'MTU:[0-9]*'; grep ^MTU "
             "/etc/veltinfo.conf"), 20, "P:-20:", failed20,
        {Services::kAny, Archive::kStays, Chip::kUntouched},
-       {std::string(kDatabase) + " stop MTU:9000", std::string(kDatabase) + " start MTU:1500"},
+       {kDatabase + " stop MTU:9000", kDatabase + " start MTU:1500"},
        "MTU:9000\nMTUValue=\"9000\"\n"},
       // Rebalanced. Without "eth0" the setting call fails but stores 1500;
       // the stored value comes back all the same.
@@ -332,11 +332,10 @@ TEST_P(UpdaterRunTest, Run) {
     return std::find(calls.begin(), calls.end(), call);
   };
   if (c.after.services != Services::kAny) {
+    const auto stop = at(kDatabase + " stop"), start = at(kDatabase + " start");
     EXPECT_EQ(calls.empty(), c.after.services == Services::kNone) << testing::PrintToString(calls);
-    EXPECT_EQ(at(std::string(kDatabase) + " stop") != calls.end(),
-              c.after.services != Services::kNone);
-    const auto start = at(std::string(kDatabase) + " start");
-    EXPECT_EQ(start != calls.end() && start > at(std::string(kDatabase) + " stop"),
+    EXPECT_EQ(stop != calls.end(), c.after.services != Services::kNone);
+    EXPECT_EQ(start != calls.end() && start > stop,
               c.after.services == Services::kStoppedThenStarted);
   }
   Lines messages = sandbox_test::ProgramMessages(result, "updater");
@@ -346,8 +345,7 @@ TEST_P(UpdaterRunTest, Run) {
       for (const std::string& m : messages) EXPECT_EQ(m.find(line.substr(1)), m.npos) << m;
     } else {
       EXPECT_TRUE(at(line) != calls.end() || std::count(messages.begin(), messages.end(), line))
-          << line << "\n"
-          << sandbox_test::Describe(result);
+          << line + "\n" + sandbox_test::Describe(result);
     }
   }
   EXPECT_EQ(result.out, c.out);
@@ -375,9 +373,7 @@ TEST_P(UpdaterRunTest, Run) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, UpdaterRunTest, ::testing::ValuesIn(Cases()),
-                         [](const ::testing::TestParamInfo<Case>& info) {
-                           return std::string(info.param.name);
-                         });
+std::string Name(const ::testing::TestParamInfo<Case>& info) { return info.param.name; }
+INSTANTIATE_TEST_SUITE_P(Cases, UpdaterRunTest, ::testing::ValuesIn(Cases()), Name);
 
 }  // namespace

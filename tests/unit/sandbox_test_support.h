@@ -77,7 +77,6 @@ class SandboxFixture : public ::testing::Test {
     if (box_ == nullptr) return;
     std::string error;
     EXPECT_TRUE(box_->Destroy(HasFailure(), &error)) << error;
-    box_.reset();
   }
 
   // The sandbox of this test, built from `scenario`; null after a recorded
