@@ -43,18 +43,15 @@ int HoldLock(char** a) {
 }
 
 int Set(char** a) {
+#define FLAG(name) \
+  { #name, &name }
   const struct {
     const char* name;
     int* flag;
-  } kFlags[] = {{"gblCfgAtalk", &gblCfgAtalk},
-                {"gblCfgPapd", &gblCfgPapd},
-                {"gblCfgFtpUser", &gblCfgFtpUser},
-                {"gblCfgProfile", &gblCfgProfile},
-                {"gblCfgJumboFrame", &gblCfgJumboFrame},
-                {"gblCfgRcFstab", &gblCfgRcFstab},
-                {"gblCfgMTU", &gblCfgMTU},
-                {"gPhotoDbUpgrade", &gPhotoDbUpgrade},
-                {"gblPhotoDbReset", &gblPhotoDbReset}};
+  } kFlags[] = {FLAG(gblCfgAtalk),   FLAG(gblCfgPapd),       FLAG(gblCfgFtpUser),
+                FLAG(gblCfgProfile), FLAG(gblCfgJumboFrame), FLAG(gblCfgRcFstab),
+                FLAG(gblCfgMTU),     FLAG(gPhotoDbUpgrade),  FLAG(gblPhotoDbReset)};
+#undef FLAG
   if (strcmp(a[0], "gszVolume") == 0) return snprintf(gszVolume, sizeof gszVolume, "%s", a[1]);
   for (const auto& flag : kFlags) {
     if (strcmp(a[0], flag.name) == 0) return *flag.flag = N(a[1]);
@@ -112,7 +109,6 @@ int main(int argc, char** argv) {
       const bool show_error = error != 0 && islower(static_cast<unsigned char>(call->name[0]));
       printf(show_error ? "%s: %d error %X\n" : "%s: %d\n", line.c_str(), result, error);
     }
-    fflush(stdout);
     i += 1 + call->arguments;
   }
   return 0;

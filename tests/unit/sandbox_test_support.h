@@ -9,7 +9,6 @@
 #include <stdlib.h>
 
 #include <memory>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,24 +29,14 @@ inline std::string NewSandboxDir(const std::string& prefix) {
   return pattern;
 }
 
-// The lines of `text`, without their line feeds.
-inline std::vector<std::string> SplitLines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
 // A run as a failure message shows it: how it ended, its output, its syslog
 // lines and stub calls.
 inline std::string Describe(const sandbox::RunResult& result) {
   std::string text = "ok=" + std::to_string(result.ok) + " error=[" + result.error +
                      "] status=" + std::to_string(result.status) + "\nstdout:\n" + result.out +
-                     "stderr:\n" + result.err + "syslog:\n";
-  for (const std::string& line : result.syslog) text += line + "\n";
-  text += "stub calls:\n";
-  for (const std::string& line : result.stub_calls) text += line + "\n";
-  return text;
+                     "stderr:\n" + result.err;
+  return text + "syslog: " + testing::PrintToString(result.syslog) +
+         "\nstub calls: " + testing::PrintToString(result.stub_calls) + "\n";
 }
 
 // The messages the program `ident` logged in a run, in order, as
@@ -88,7 +77,6 @@ class SandboxFixture : public ::testing::Test {
     if (box_ == nullptr) return;
     std::string error;
     EXPECT_TRUE(box_->Destroy(HasFailure(), &error)) << error;
-    box_.reset();
   }
 
   // The sandbox of this test, built from `scenario`; null after a recorded
