@@ -173,16 +173,13 @@ bool PatchPartition(const PartitionRecord& record, const FisImageDesc& old, uint
 // false when there is none.
 bool FindOldRecord(const char* part, const unsigned char* fisRecords, int count,
                    FisImageDesc* old) {
-  for (int i = 0; i < count; ++i) {
-    char name[FIS_NAME_SIZE + 1];
-    if (strcmp(UPDTFisName(fisRecords + static_cast<size_t>(i) * FIS_RECORD_SIZE, name), part) ==
-        0) {
-      UPDTFisDecode(fisRecords + static_cast<size_t>(i) * FIS_RECORD_SIZE, old);
-      return true;
-    }
+  const int index = FisRecordIndex(part, fisRecords, count);
+  if (index < 0) {
+    memset(old, 0, sizeof(*old));
+    return false;
   }
-  memset(old, 0, sizeof(*old));
-  return false;
+  UPDTFisDecode(fisRecords + static_cast<size_t>(index) * FIS_RECORD_SIZE, old);
+  return true;
 }
 
 // Erase, copy the backup with dd and verify it, up to three times, like the

@@ -180,11 +180,17 @@ int GetIdxByName(const char* name, const unsigned char* fisRecords, int count) {
     syslog(LOG_ERR, "%s(%d): parameter error", __func__, __LINE__);
     return -1;
   }
+  const int index = FisRecordIndex(name, fisRecords, count);
+  if (index < 0) syslog(LOG_ERR, "%s(%d): unknown partition name [%s]", __func__, __LINE__, name);
+  return index;
+}
+
+int FisRecordIndex(const char* name, const unsigned char* fisRecords, int count) {
   for (int i = 0; i < count; ++i) {
     char recordName[FIS_NAME_SIZE + 1];
-    if (strcmp(UPDTFisName(fisRecords + i * FIS_RECORD_SIZE, recordName), name) == 0) return i;
+    const unsigned char* record = fisRecords + static_cast<size_t>(i) * FIS_RECORD_SIZE;
+    if (strcmp(UPDTFisName(record, recordName), name) == 0) return i;
   }
-  syslog(LOG_ERR, "%s(%d): unknown partition name [%s]", __func__, __LINE__, name);
   return -1;
 }
 

@@ -46,6 +46,9 @@ const char* SzUPDTGetDeviceByName(const char* name);
 // named exactly `name`, or -1 with a log line.
 int GetIdxByName(const char* name, const unsigned char* fisRecords, int count);
 
+// The same without a log line: -1 when no record has that name.
+int FisRecordIndex(const char* name, const unsigned char* fisRecords, int count);
+
 // 1 for the partitions that never give blocks away and never move:
 // "veltcfg", "vendor", "RedBoot Config", "FIS Directory".
 int UPDTIsFixedPartition(const char* part);
