@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "lib/file_mode.h"
 #include "lib/slib_error.h"
 #include "lib/slib_str.h"
 
@@ -136,9 +137,7 @@ bool TmpFile::Open(const char* path) {
   const int fd = open(name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, has_original ? 0600 : 0666);
   bool ready = fd >= 0;
   if (ready && has_original) {
-    const int ignored = fchown(fd, original.st_uid, original.st_gid);  // root only; best effort
-    (void)ignored;
-    ready = fchmod(fd, original.st_mode & 07777) == 0;
+    ready = TakeModeAndOwner(fd, original);
   }
   file_ = ready ? fdopen(fd, "w") : nullptr;
   if (file_ == nullptr) {

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "lib/file_mode.h"
 #include "lib/slib_error.h"
 #include "lib/slib_lock.h"
 
@@ -181,10 +182,7 @@ class Rewrite {
       close(fd);
       return Refuse(SLIB_ERR_OPEN);
     }
-    // The owner is kept where this process may set it; the mode always.
-    const int ignored = fchown(fd, original.st_uid, original.st_gid);
-    (void)ignored;
-    bool ok = fchmod(fd, original.st_mode & 07777) == 0;
+    bool ok = TakeModeAndOwner(fd, original);
     for (const std::string& line : lines) {
       ok = ok && fwrite(line.data(), 1, line.size(), file) == line.size();
     }

@@ -10,6 +10,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include "lib/file_mode.h"
 #include "lib/slib_file.h"
 #include "lib/slib_file_line.h"
 #include "sdk/velt_net.h"
@@ -160,11 +161,7 @@ CrontabFilter FilterCrontab(const char* pattern) {
   const int fd = mkstemp(tmp);
   if (fd < 0) return CrontabFilter::kGrepFailed;
   struct stat crontab;
-  if (stat("/etc/crontab", &crontab) == 0) {
-    const int ignored = fchown(fd, crontab.st_uid, crontab.st_gid);
-    (void)ignored;
-    fchmod(fd, crontab.st_mode & 07777);
-  }
+  if (stat("/etc/crontab", &crontab) == 0) TakeModeAndOwner(fd, crontab);
   close(fd);
   char command[256];
   snprintf(command, sizeof command, "grep -v '%s' /etc/crontab > %s", pattern, tmp);
